@@ -1,0 +1,234 @@
+// The one exception family of vantrel: a failure kind is a tag function, the
+// exception type is Exc<&Tag>; a throw site feeds the message placeholders with
+// operator% and records where it threw:
+//
+//     throw VELMO_EXC(SudoNotAllowed) % login % host;
+//     throw VELMO_EXC_INNER(CantRetrieveDump, caught);
+#ifndef VANTREL_COMMONS_EXCEPTIONS_H
+#define VANTREL_COMMONS_EXCEPTIONS_H
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include <boost/format.hpp>
+
+class Cloneable {
+public:
+    virtual ~Cloneable();
+    // A new heap copy, owned by the caller.
+    virtual Cloneable* clone() const = 0;
+};
+
+// Tags declared outside the namespace.
+bool OptParsingError(bool);
+bool NoAgentDirectory(bool);
+bool NoSharedAgentsDirectory(bool);
+
+namespace velmo {
+
+class ExInfoVisitor {
+public:
+    virtual ~ExInfoVisitor();
+    virtual void setCode(const std::string& code) = 0;
+    virtual void setId(const std::string& id) = 0;
+    virtual void setMessage(const std::string& message) = 0;
+    virtual void setContext(const std::string& context) = 0;
+    virtual void setFile(const std::string& file) = 0;
+    virtual void setLine(int line) = 0;
+    virtual void advanceToInnerException() = 0;
+    virtual void setSeverity(int severity);
+};
+
+class ExVisitable {
+public:
+    virtual ~ExVisitable();
+    virtual void accept(ExInfoVisitor& visitor) const = 0;
+};
+
+class ExTraceable : public Cloneable, public ExVisitable, public std::runtime_error {
+public:
+    ExTraceable(const std::string& code, const std::string& format);
+    ExTraceable(const ExTraceable&) = default;
+    ~ExTraceable() override;
+
+    ExTraceable* clone() const override;
+    // Renders the message with the arguments fed so far. Never throws.
+    const char* what() const noexcept override;
+    void accept(ExInfoVisitor& visitor) const override;
+
+    std::string code() const { return std::runtime_error::what(); }
+    const std::string& id() const { return id_; }
+    int severity() const { return severity_; }
+
+protected:
+    template <class T> void feedValue(const T& value) { message_ % value; }
+
+    boost::format message_;
+    mutable std::string text_;
+    std::string id_;
+    int severity_;
+};
+
+class ExTaggedIncludable : public ExTraceable {
+public:
+    ExTaggedIncludable(const std::string& code, const std::string& format);
+    ExTaggedIncludable(const std::string& code, const std::string& format, const ExTraceable& inner);
+    ExTaggedIncludable(const ExTaggedIncludable& other);
+    ExTaggedIncludable& operator=(const ExTaggedIncludable&) = delete;
+    ~ExTaggedIncludable() override;
+
+    ExTaggedIncludable* clone() const override;
+    void accept(ExInfoVisitor& visitor) const override;
+
+    // The failure that caused this one, or null.
+    const ExTraceable* inner() const { return inner_.get(); }
+
+protected:
+    void acceptInner(ExInfoVisitor& visitor) const;
+
+private:
+    std::unique_ptr<ExTraceable> inner_;
+};
+
+typedef bool (*ExTag)(bool);
+
+// Code and message format of a tag; throws std::logic_error for a tag that is
+// not in the table.
+struct ExTagInfo {
+    const char* code;
+    const char* format;
+};
+const ExTagInfo& exTagInfo(ExTag tag);
+
+template <ExTag tag>
+class Exc : public ExTaggedIncludable {
+public:
+    Exc(const std::string& context, const std::string& file, int line)
+        : ExTaggedIncludable(exTagInfo(tag).code, exTagInfo(tag).format),
+          context_(context), file_(file), line_(line) {}
+    Exc(const ExTraceable& inner, const std::string& context, const std::string& file, int line)
+        : ExTaggedIncludable(exTagInfo(tag).code, exTagInfo(tag).format, inner),
+          context_(context), file_(file), line_(line) {}
+
+    Exc* clone() const override { return new Exc(*this); }
+
+    void accept(ExInfoVisitor& visitor) const override {
+        visitor.setContext(context_);
+        visitor.setFile(file_);
+        visitor.setLine(line_);
+        visitor.setCode(code());
+        visitor.setId(id_);
+        visitor.setSeverity(severity_);
+        visitor.setMessage(what());
+        acceptInner(visitor);
+    }
+
+    // Feeds one placeholder of the message format.
+    template <class T> Exc& operator%(const T& value) {
+        feedValue(value);
+        return *this;
+    }
+
+    const std::string& context() const { return context_; }
+    const std::string& file() const { return file_; }
+    int line() const { return line_; }
+
+private:
+    std::string context_;
+    std::string file_;
+    int line_;
+};
+
+// A new random identifier of the form xxxxxxxx-xxxx-4xxx-8xxx-xxxxxxxxxxxx.
+std::string newUUID();
+
+// Renders an exception and its inner exceptions as plain text.
+class TextMsgFormatter : public ExInfoVisitor {
+public:
+    void setCode(const std::string& code) override { code_ = code; }
+    void setId(const std::string& id) override { id_ = id; }
+    void setMessage(const std::string& message) override { message_ = message; }
+    void setContext(const std::string& context) override { context_ = context; }
+    void setFile(const std::string& file) override { file_ = file; }
+    void setLine(int line) override { line_ = line; }
+    void advanceToInnerException() override;
+    void setSeverity(int severity) override { severity_ = severity; }
+
+    // The accumulated text followed by the current fields.
+    std::string result() const;
+
+private:
+    std::string render() const;
+
+    std::string text_;
+    std::string code_;
+    std::string id_;
+    std::string context_;
+    std::string file_;
+    int line_ = 0;
+    std::string message_;
+    int severity_ = 0;
+};
+
+std::string formatPlainTextMessage(const ExTraceable& e);
+
+// The tags of the system, in the order of the table in exceptions.cpp.
+bool UnknownAction(bool);
+bool HostNotFound(bool);
+bool ConnectionRefused(bool);
+bool ConnectionTimedOut(bool);
+bool NetworkUnreachable(bool);
+bool HostUnreachable(bool);
+bool ConnectionFault(bool);
+bool InvalidHandle(bool);
+bool UnableToStartSshSession(bool);
+bool SshAuthorizationFailed(bool);
+bool SshInvalidCredentials(bool);
+bool SshConnectionFault(bool);
+bool UnableToSendEof(bool);
+bool StreamRead(bool);
+bool StreamWrite(bool);
+bool SudoNotFound(bool);
+bool SudoNotAllowed(bool);
+bool CantTakeFileOwnership(bool);
+bool UnableToOpenScoutFile(bool);
+bool FailedToExecuteScout(bool);
+bool CantCreateAgentDirectory(bool);
+bool CantRequestAgentStatus(bool);
+bool DumpStatusError(bool);
+bool CantRetrieveDump(bool);
+bool CantRetrieveDumpFile(bool);
+bool FileWrite(bool);
+bool CantRetrieveContentList(bool);
+bool CantRetrieveContentFile(bool);
+bool UnableToRemoveRemoteFile(bool);
+bool NotEnoughSpace(bool);
+bool AgentNotFound(bool);
+bool ParseFailed(bool);
+bool UnableToCreateSession(bool);
+bool NoParentNode(bool);
+bool AssertionFailed(bool);
+bool tError_XmlInternal(bool);
+bool tError_SaveFile(bool);
+bool tError_ParseFile(bool);
+bool tError_WrongInputFile(bool);
+bool tError_EmptyDoc(bool);
+bool tError_WrongDoc(bool);
+bool NoSuchAttribute(bool);
+bool tError_XPath_CantEvaluate(bool);
+bool tError_XPath_TypesMismatch(bool);
+bool CantRenameFile(bool);
+bool CantStatFS(bool);
+bool CantCreateTempFile(bool);
+// Refusal of a content list entry that would leave the content directory.
+bool UnsafeContentFileName(bool);
+
+}  // namespace velmo
+
+// Builds an exception of the given tag at the current source position.
+#define VELMO_EXC(tag) ::velmo::Exc<&tag>(__PRETTY_FUNCTION__, __FILE__, __LINE__)
+// The same, carrying a copy of an inner exception.
+#define VELMO_EXC_INNER(tag, inner) ::velmo::Exc<&tag>((inner), __PRETTY_FUNCTION__, __FILE__, __LINE__)
+
+#endif

@@ -1,0 +1,15 @@
+#ifndef VANTREL_COMMONS_SH_QUOTING_H
+#define VANTREL_COMMONS_SH_QUOTING_H
+
+#include <string>
+
+namespace velmo {
+
+// Quotes one word for a POSIX shell: shell-special bytes get a backslash, a
+// newline is wrapped in single quotes, everything else stays as it is. An
+// empty word stays empty.
+std::string sh_quote(const std::string& word);
+
+}  // namespace velmo
+
+#endif

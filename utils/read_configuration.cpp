@@ -1,0 +1,2 @@
+// Filled in with the configuration reader.
+#include "utils/read_configuration.h"
