@@ -1,0 +1,167 @@
+#include "commons/xml_parse.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <vector>
+
+#include <libxml/parser.h>
+#include <libxml/xmlerror.h>
+#include <libxml/xmlmemory.h>
+
+#include "commons/commons.h"
+
+// Throws Exc<&AssertionFailed> with the condition's own text.
+#define XML_ASSERT(condition) \
+    do { \
+        if (!(condition)) throw VELMO_EXC(AssertionFailed) % #condition; \
+    } while (0)
+
+namespace velmo {
+
+void qmvFreeXmlChar(unsigned char* text) {
+    if (text != nullptr) xmlFree(text);
+}
+
+tXmlCharHolder makeXmlCharHolder(xmlChar* text) { return tXmlCharHolder(text, qmvFreeXmlChar); }
+
+bool is_xml_attr_set(const tXmlCharHolder& holder) { return holder.get() != nullptr; }
+
+extern "C" void libxmlErrorHandler(void* context, const char* format, ...) {
+    if (context == nullptr || format == nullptr) return;
+    std::string& text = *static_cast<std::string*>(context);
+    va_list args;
+    va_start(args, format);
+    va_list measure;
+    va_copy(measure, args);
+    int length = std::vsnprintf(nullptr, 0, format, measure);
+    va_end(measure);
+    if (length > 0) {
+        std::vector<char> buffer(static_cast<size_t>(length) + 1);
+        std::vsnprintf(buffer.data(), buffer.size(), format, args);
+        text.append(buffer.data(), static_cast<size_t>(length));
+    }
+    va_end(args);
+}
+
+tXmlParseErrors::tXmlParseErrors() { xmlSetGenericErrorFunc(&text_, libxmlErrorHandler); }
+
+tXmlParseErrors::~tXmlParseErrors() { xmlSetGenericErrorFunc(nullptr, nullptr); }
+
+namespace {
+
+void freeDoc(xmlDoc* doc) {
+    if (doc != nullptr) xmlFreeDoc(doc);
+}
+
+}  // namespace
+
+tXmlDocument::tXmlDocument() { createNewDoc(); }
+
+tXmlDocument::tXmlDocument(const char* fileName) { readFromFile(fileName); }
+
+tXmlDocument::tXmlDocument(const std::string& content) { readFromMemory(content); }
+
+tXmlDocument::~tXmlDocument() = default;
+
+void tXmlDocument::adopt(xmlDoc* doc) { doc_ = std::shared_ptr<xmlDoc>(doc, freeDoc); }
+
+void tXmlDocument::createNewDoc() {
+    xmlDoc* doc = xmlNewDoc(BAD_CAST "1.0");
+    if (doc == nullptr) throw VELMO_EXC(tError_XmlInternal) % "#0001: Can not create new XML document.";
+    adopt(doc);
+}
+
+void tXmlDocument::parsed(xmlDoc* doc, const std::string& name, const tXmlParseErrors& errors) {
+    adopt(doc);
+    if (doc == nullptr) throw VELMO_EXC(tError_ParseFile) % name % errors.text();
+}
+
+int tXmlDocument::readFromFile(const char* filename) {
+    XML_ASSERT(filename != NULL);
+    XML_ASSERT(*filename != 0);
+    const std::string name(filename);
+    if (name != "-" && !check_input_file(filename, true)) throw VELMO_EXC(tError_WrongInputFile) % name;
+    // The exception is built while the collector is still registered; its
+    // destructor unregisters it before the text goes.
+    tXmlParseErrors errors;
+    parsed(xmlParseFile(filename), name, errors);
+    return 1;
+}
+
+void tXmlDocument::readFromMemory(const std::string& content) {
+    XML_ASSERT(content.size());
+    tXmlParseErrors errors;
+    parsed(xmlParseMemory(content.data(), static_cast<int>(content.size())), "-", errors);
+}
+
+void tXmlDocument::saveToFile(const char* fileName) {
+    if (xmlSaveFile(fileName, doc_.get()) < 0) throw VELMO_EXC(tError_SaveFile) % (fileName ? fileName : "");
+}
+
+void tXmlDocument::saveToFile(const std::string& fileName) { saveToFile(fileName.c_str()); }
+
+int tXmlDocument::saveToStdout() {
+    saveToFile("-");
+    return 0;
+}
+
+namespace {
+
+void freeContext(xmlXPathContext* ctx) {
+    if (ctx != nullptr) xmlXPathFreeContext(ctx);
+}
+
+void freeObject(xmlXPathObject* obj) {
+    if (obj != nullptr) xmlXPathFreeObject(obj);
+}
+
+}  // namespace
+
+tXPathExpr::tXPathExpr(xmlDoc* doc, const xmlChar* expr, xmlNode* contextNode)
+    : expr_(xmlStrdup(expr), qmvFreeXmlChar), doc_(doc) {
+    evalExpression(doc, expr_.get(), contextNode);
+}
+
+int tXPathExpr::evalExpression(xmlDoc* doc, const xmlChar* expr, xmlNode* contextNode) {
+    doc_ = doc;
+    xpathObj_.reset();
+    xpathCtx_ = std::shared_ptr<xmlXPathContext>(xmlXPathNewContext(doc), freeContext);
+    XML_ASSERT(xpathCtx_.get() != NULL);
+    if (contextNode != nullptr) xpathCtx_->node = contextNode;
+    xpathObj_ = std::shared_ptr<xmlXPathObject>(xmlXPathEvalExpression(expr, xpathCtx_.get()), freeObject);
+    if (!xpathObj_)
+        throw VELMO_EXC(tError_XPath_CantEvaluate)
+            % (expr ? reinterpret_cast<const char*>(expr) : "");
+    return 1;
+}
+
+xmlNodeSet* tXPathExpr::getNodeSet() const {
+    if (!xpathObj_ || xpathObj_->type != XPATH_NODESET)
+        throw VELMO_EXC(tError_XPath_TypesMismatch) % getExpression() % "nodeset";
+    return xpathObj_->nodesetval;
+}
+
+std::string tXPathExpr::getExpression() const {
+    return expr_ ? std::string(reinterpret_cast<const char*>(expr_.get())) : std::string();
+}
+
+tXmlOperator::~tXmlOperator() = default;
+
+int foreach_xmlnode(const tXPathExpr& expr, const tXmlOperator& op, void (*onError)(const ExTraceable&)) {
+    xmlNodeSet* nodes = expr.getNodeSet();
+    if (nodes == nullptr) {
+        if (onError != nullptr)
+            onError(VELMO_EXC(tError_XmlInternal) % ("Can not evaluate XPath expression: " + expr.getExpression()));
+        return 0;
+    }
+    for (int i = 0; i < nodes->nodeNr; ++i) {
+        try {
+            op.act(nodes->nodeTab[i]);
+        } catch (const ExTraceable& e) {
+            if (onError != nullptr) onError(e);
+        }
+    }
+    return 1;
+}
+
+}  // namespace velmo

@@ -1,0 +1,125 @@
+// The XML document wrapper over libxml2: one shared document, parsing with the
+// library's messages collected into the exception a failed parse throws, XPath
+// evaluation and iteration over a node set.
+#ifndef VANTREL_COMMONS_XML_PARSE_H
+#define VANTREL_COMMONS_XML_PARSE_H
+
+#include <memory>
+#include <string>
+
+#include <libxml/tree.h>
+#include <libxml/xpath.h>
+
+#include "commons/exceptions.h"
+
+namespace velmo {
+
+// Releases a string the library allocated.
+void qmvFreeXmlChar(unsigned char* text);
+
+// Shared owner of a library string (attribute values, node texts); null when
+// the library returned none.
+typedef std::shared_ptr<xmlChar> tXmlCharHolder;
+tXmlCharHolder makeXmlCharHolder(xmlChar* text);
+
+// True when the held attribute string is not null.
+bool is_xml_attr_set(const tXmlCharHolder& holder);
+
+// The library's generic error function while a parse runs: formats one piece of
+// a message and appends it to the std::string given as context.
+extern "C" void libxmlErrorHandler(void* context, const char* format, ...);
+
+// Collects the library's error text for the duration of one parse: registered
+// as the generic error function on construction, unregistered on destruction.
+class tXmlParseErrors {
+public:
+    tXmlParseErrors();
+    ~tXmlParseErrors();
+    tXmlParseErrors(const tXmlParseErrors&) = delete;
+    tXmlParseErrors& operator=(const tXmlParseErrors&) = delete;
+
+    const std::string& text() const { return text_; }
+
+private:
+    std::string text_;
+};
+
+// Holds one shared libxml2 document; copies share it.
+class tXmlDocument {
+public:
+    // A fresh empty document.
+    tXmlDocument();
+    // The parsed file; "-" reads standard input.
+    explicit tXmlDocument(const char* fileName);
+    // The parsed text.
+    explicit tXmlDocument(const std::string& content);
+    virtual ~tXmlDocument();
+
+    // Writes the document with the library's defaults; "-" is standard output.
+    // Throws Exc<&tError_SaveFile>.
+    virtual void saveToFile(const char* fileName);
+    virtual void saveToFile(const std::string& fileName);
+    virtual int saveToStdout();
+
+    // Writes a temporary file beside the target, hands it to kvaadm and renames
+    // it over the target. The target stays as it was when any step fails.
+    void saveToFileAtomically(const std::string& fileName);
+
+    void createNewDoc();
+    // Replaces the held document with the parsed file; returns 1.
+    int readFromFile(const char* fileName);
+
+    // The held document; null after a failed parse.
+    xmlDoc* getDoc() const { return doc_.get(); }
+
+protected:
+    // Parses text in memory into the held document.
+    void readFromMemory(const std::string& content);
+
+private:
+    void adopt(xmlDoc* doc);
+    void parsed(xmlDoc* doc, const std::string& name, const tXmlParseErrors& errors);
+
+    std::shared_ptr<xmlDoc> doc_;
+};
+
+// One evaluated XPath expression; copies share the context, the result and the
+// expression text.
+class tXPathExpr {
+public:
+    tXPathExpr(xmlDoc* doc, const xmlChar* expr, xmlNode* contextNode = nullptr);
+
+    // Evaluates expr against doc, with contextNode as the context node when it
+    // is not null; returns 1.
+    int evalExpression(xmlDoc* doc, const xmlChar* expr, xmlNode* contextNode);
+
+    // The result's node set (may be null); throws
+    // Exc<&tError_XPath_TypesMismatch> when the result is not a node set.
+    xmlNodeSet* getNodeSet() const;
+
+    std::string getExpression() const;
+    xmlDoc* getDoc() const { return doc_; }
+
+private:
+    std::shared_ptr<xmlXPathContext> xpathCtx_;
+    std::shared_ptr<xmlXPathObject> xpathObj_;
+    std::shared_ptr<xmlChar> expr_;
+    xmlDoc* doc_;
+};
+
+// Callback of foreach_xmlnode.
+class tXmlOperator {
+public:
+    virtual ~tXmlOperator();
+    virtual void act(xmlNode* node) const = 0;
+};
+
+// Calls op.act on every node of the expression's node set in document order.
+// An ExTraceable thrown by act goes to onError and the walk goes on. Returns 0
+// (after reporting to onError) when there is no node set, else 1.
+int foreach_xmlnode(const tXPathExpr& expr, const tXmlOperator& op,
+                    void (*onError)(const ExTraceable&));
+
+}  // namespace velmo
+
+#endif
