@@ -1,0 +1,282 @@
+#include "commons/log.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <map>
+#include <sstream>
+
+#include <unistd.h>
+
+#include <boost/filesystem.hpp>
+#include <log4cpp/Appender.hh>
+#include <log4cpp/Priority.hh>
+#include <log4cpp/PropertyConfigurator.hh>
+
+#include "commons/commons.h"
+#include "commons/session.h"
+#include "commons/sh_quoting.h"
+
+namespace velmo {
+
+namespace {
+// Created at start like every category of the tool; the actions write through
+// theDebugLog, "p.Action" only exists.
+log4cpp::Category& runLog = log4cpp::Category::getInstance("p.log");
+[[maybe_unused]] log4cpp::Category& actionLog = log4cpp::Category::getInstance("p.Action");
+}  // namespace
+
+DebugLog::~DebugLog() = default;
+Log::~Log() = default;
+
+DebugLog* theDebugLog = nullptr;
+Log* theLog = nullptr;
+
+std::vector<std::pair<DaemonHandler, void*>> childDaemonHandlers;
+std::vector<std::pair<DaemonHandler, void*>> parentDaemonHandlers;
+
+// ---------------------------------------------------------------- debug log
+
+log4cpp::Category* Log4cppDebugLog::category_ = &runLog;
+
+void Log4cppDebugLog::log(const std::string& text) {
+    category_->getStream(log4cpp::Priority::INFO) << maskSecrets(text);
+}
+
+void Log4cppDebugLog::log(const boost::format& text) { log(text.str()); }
+
+void Log4cppDebugLog::log(const ExTraceable& e) { log(formatPlainTextMessage(e)); }
+
+namespace {
+
+bool log4cppConfigured = false;
+
+// Replaces every "${NAME}" whose NAME is in vars; other references are left
+// for log4cpp, which resolves them from its own properties and the environment.
+std::string substituteVariables(const std::string& text, const std::map<std::string, std::string>& vars) {
+    std::string out;
+    std::string::size_type at = 0;
+    while (true) {
+        std::string::size_type open = text.find("${", at);
+        std::string::size_type close = open == std::string::npos ? open : text.find('}', open + 2);
+        if (close == std::string::npos) break;
+        auto var = vars.find(text.substr(open + 2, close - open - 2));
+        out.append(text, at, open - at);
+        if (var != vars.end())
+            out += var->second;
+        else
+            out.append(text, open, close + 1 - open);
+        at = close + 1;
+    }
+    out.append(text, at, std::string::npos);
+    return out;
+}
+
+// Removes a file when it goes out of scope.
+class TempFile {
+public:
+    explicit TempFile(const std::string& name) : name_(name) {}
+    ~TempFile() { std::remove(name_.c_str()); }
+    const std::string& name() const { return name_; }
+
+private:
+    std::string name_;
+};
+
+void configureLog4Cpp(const std::string& propertiesFile, const std::map<std::string, std::string>& vars) {
+    std::ifstream in(propertiesFile.c_str(), std::ios::binary);
+    if (!in) {
+        // Let the configurator report the missing file in its own words.
+        log4cpp::PropertyConfigurator::configure(propertiesFile);
+        return;
+    }
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    // The configurator reads only files: hand it a substituted copy.
+    TempFile copy(QMV_getTempFileName(files::getTmpDir(), "log4cpp.properties."));
+    {
+        std::ofstream out(copy.name().c_str(), std::ios::binary | std::ios::trunc);
+        out << substituteVariables(text, vars);
+        if (!out.flush()) throw VELMO_EXC(FileWrite) % copy.name() % "cannot write the log configuration";
+    }
+    log4cpp::PropertyConfigurator::configure(copy.name());
+}
+
+}  // namespace
+
+void initializeLog4Cpp(bool debug) {
+    std::map<std::string, std::string> vars;
+    vars["LOG_FILE_NAME"] = theSession ? theSession->getLogFileName() : std::string();
+    if (log4cppConfigured) return;
+    configureLog4Cpp(files::getQmvLogConfigFileName(), vars);
+    if (!debug) {
+        log4cpp::Category& root = log4cpp::Category::getRoot();
+        if (log4cpp::Appender* console = root.getAppender("A2")) root.removeAppender(console);
+    }
+    log4cppConfigured = true;
+}
+
+DebugLogLifetimeController::DebugLogLifetimeController(bool verbose, bool debug) {
+    initializeLog4Cpp(debug);
+    theDebugLog = new Log4cppDebugLog(verbose && !debug, debug);
+}
+
+DebugLogLifetimeController::~DebugLogLifetimeController() {
+    delete theDebugLog;
+    theDebugLog = nullptr;
+}
+
+// ---------------------------------------------------------- start/stop lines
+
+namespace {
+
+void debugLine(const std::string& text) {
+    if (theDebugLog != nullptr) theDebugLog->log(text);
+}
+
+void runDaemonized(void* logger) { static_cast<StartStopLogger*>(logger)->daemonized(); }
+
+}  // namespace
+
+StartStopLogger::StartStopLogger(const std::string& name, int argc, char* const* argv)
+    : name_(name), pid_(static_cast<int>(getpid())), exitCode_(-1) {
+    std::string commandLine;
+    for (int i = 0; i < argc; ++i) {
+        if (i > 0) commandLine += ' ';
+        const std::string arg = argv[i] ? argv[i] : "";
+        commandLine += arg.empty() ? std::string("''") : sh_quote(arg);
+    }
+    debugLine(name_ + " started : " + commandLine);
+    childDaemonHandlers.push_back(std::make_pair(&runDaemonized, static_cast<void*>(this)));
+}
+
+StartStopLogger::~StartStopLogger() {
+    // The hook must not outlive the logger it points at.
+    auto self = std::make_pair(&runDaemonized, static_cast<void*>(this));
+    childDaemonHandlers.erase(std::remove(childDaemonHandlers.begin(), childDaemonHandlers.end(), self),
+                              childDaemonHandlers.end());
+    try {
+        if (exitCode_ == -1)
+            debugLine(name_ + " finished. " + " (exit code is not reported)");
+        else
+            debugLine(name_ + " finished. " + "Exit code: " + std::to_string(exitCode_));
+    } catch (...) {
+        // Nothing is left to tell it to.
+    }
+}
+
+void StartStopLogger::setExitCode(int code) { exitCode_ = code; }
+
+void StartStopLogger::daemonized() {
+    const int now = static_cast<int>(getpid());
+    debugLine((boost::format("%1% %2% -> (%3% daemon)") % name_ % pid_ % now).str());
+    pid_ = now;
+}
+
+// ----------------------------------------------------------- result document
+
+void XmlMsgFormatter::setCode(const std::string& code) { doc_.addAttribute(element_, "code", code); }
+
+void XmlMsgFormatter::setId(const std::string& id) { doc_.addAttribute(element_, "id", id); }
+
+void XmlMsgFormatter::setMessage(const std::string& message) {
+    doc_.newTextChild(element_, "description", maskSecrets(message));
+}
+
+void XmlMsgFormatter::setSeverity(int severity) {
+    doc_.addAttribute(element_, "severity", severity == 4 ? "warning" : "error");
+}
+
+void XmlMsgFormatter::advanceToInnerException() { element_ = doc_.newChild(element_, "message"); }
+
+namespace {
+
+std::string resultFileName(const std::string& name) {
+    if (theSession == nullptr) return name;
+    return name.empty() ? theSession->getResultFileName() : theSession->getDir() + "/" + name;
+}
+
+// Renames an existing file to the first free name.1, name.2, ...
+void moveAside(const std::string& fileName) {
+    namespace fs = boost::filesystem;
+    if (!fs::exists(fileName)) return;
+    for (unsigned n = 1;; ++n) {
+        const std::string candidate = (boost::format("%1%.%2%") % fileName % n).str();
+        if (!fs::exists(candidate)) {
+            fs::rename(fileName, candidate);
+            return;
+        }
+    }
+}
+
+}  // namespace
+
+XmlLog::XmlLog(const std::string& name) : success_(false), fileName_(resultFileName(name)) {
+    initNewDoc("execution-result");
+    current_ = XmlNode(getDoc(), getRoot());
+    contentFlags_.push_back(true);
+    moveAside(fileName_);
+}
+
+XmlLog::~XmlLog() {
+    std::string failure;
+    try {
+        addAttribute(getRoot(), "status", success_ ? "success" : "error");
+        saveToFileAtomically(fileName_);
+        return;
+    } catch (const ExTraceable& e) {
+        failure = formatPlainTextMessage(e);
+    } catch (const std::exception& e) {
+        failure = e.what();
+    } catch (...) {
+        failure = "unknown error";
+    }
+    // The destructor may run while another error unwinds: report, never throw.
+    try {
+        const std::string text = "Unable to save the result document " + fileName_ + ": " + failure;
+        std::cerr << text << std::endl;
+        debugLine(text);
+    } catch (...) {
+    }
+}
+
+void XmlLog::log(const ExTraceable& e) {
+    xmlNode* message = newChild(current_.node, "message");
+    XmlMsgFormatter formatter(*this, message);
+    e.accept(formatter);
+    contentFlags_.back() = true;
+}
+
+void XmlLog::pushObject(const std::string& name, const std::string& type) {
+    xmlNode* object = newChild(current_.node, "object");
+    addAttribute(object, "name", name);
+    addAttribute(object, "type", type);
+    current_ = XmlNode(getDoc(), object);
+    contentFlags_.push_back(false);
+}
+
+void XmlLog::popObject() {
+    XmlNode parent = current_.getParent();
+    if (!contentFlags_.back()) {
+        // Nothing was logged in it: drop the element with its attributes.
+        xmlUnlinkNode(current_.node);
+        xmlFreeNode(current_.node);
+        contentFlags_.pop_back();
+    } else {
+        contentFlags_.pop_back();
+        contentFlags_.back() = true;
+    }
+    current_ = parent;
+}
+
+int XmlLog::getDepth() const { return static_cast<int>(contentFlags_.size()) - 1; }
+
+LogLifetimeController::LogLifetimeController(std::string name) { theLog = new XmlLog(name); }
+
+LogLifetimeController::~LogLifetimeController() {
+    delete theLog;
+    theLog = nullptr;
+}
+
+}  // namespace velmo
