@@ -1,0 +1,178 @@
+#include "commons/formats.h"
+
+#include <typeinfo>
+
+#include <unistd.h>
+
+#include <boost/lexical_cast.hpp>
+
+#include "commons/session.h"
+
+namespace velmo {
+
+MigrationStatus::~MigrationStatus() = default;
+AgentFileList::~AgentFileList() = default;
+
+// ----------------------------------------------------------- migration status
+
+XmlMigrationStatus::XmlMigrationStatus() : state_(idle), operation_(deploy), objectType_(account) {
+    initNewDoc("migration-status");
+}
+
+void XmlMigrationStatus::setAgentOperation(agentOperation op) {
+    state_ = agent;
+    operation_ = op;
+}
+
+void XmlMigrationStatus::setTransferTotals(const std::string& files, const std::string& size) {
+    state_ = contentTransfer;
+    totalFiles_ = filesLeft_ = files;
+    totalSize_ = sizeLeft_ = size;
+}
+
+void XmlMigrationStatus::setTransferFilesLeft(const std::string& files) {
+    state_ = contentTransfer;
+    filesLeft_ = files;
+}
+
+void XmlMigrationStatus::setTransferSizeLeft(const std::string& size) {
+    state_ = contentTransfer;
+    sizeLeft_ = size;
+}
+
+void XmlMigrationStatus::setCurrentFile(const std::string& name, const std::string& size) {
+    currentFile_ = name;
+    currentFileSize_ = currentFileSizeLeft_ = size;
+}
+
+void XmlMigrationStatus::setTransferCurrentFileSizeLeft(const std::string& size) {
+    state_ = contentTransfer;
+    currentFileSizeLeft_ = size;
+}
+
+void XmlMigrationStatus::setDeployTotals(const std::string& accounts, const std::string& domains) {
+    state_ = deployment;
+    totalAccounts_ = accounts;
+    totalDomains_ = domains;
+}
+
+void XmlMigrationStatus::setDeploy(const std::string& accounts, const std::string& domains) {
+    state_ = deployment;
+    completedAccounts_ = accounts;
+    completedDomains_ = domains;
+}
+
+void XmlMigrationStatus::setCurrentObject(const std::string& name, objectType type) {
+    currentObject_ = name;
+    objectType_ = type;
+}
+
+void XmlMigrationStatus::clearRoot() {
+    xmlNode* child = root_->children;
+    while (child != nullptr) {
+        xmlNode* next = child->next;
+        xmlUnlinkNode(child);
+        xmlFreeNode(child);
+        child = next;
+    }
+}
+
+void XmlMigrationStatus::saveFile() {
+    pid_ = std::to_string(getpid());
+    // Attributes of the root stay: the deploy counters survive later saves.
+    clearRoot();
+    newTextChild(root_, "pid", pid_);
+
+    xmlNode* holder = nullptr;
+    switch (state_) {
+    case idle:
+        newChild(root_, "idle");
+        break;
+    case translate:
+        newChild(root_, "translate");
+        break;
+    case deployment:
+        addAttribute(root_, "total-accounts", totalAccounts_);
+        addAttribute(root_, "total-domains", totalDomains_);
+        addAttribute(root_, "completed-accounts", completedAccounts_);
+        addAttribute(root_, "completed-domains", completedDomains_);
+        if (!currentObject_.empty()) {
+            xmlNode* object = newTextChild(root_, "current-object", currentObject_);
+            addAttribute(object, "type", objectType_ == account ? "account" : "domain");
+        }
+        break;
+    case agent:
+        holder = newChild(root_, "agent");
+        addAttribute(holder, "action", operation_ == deploy ? "deploy" : "wait");
+        break;
+    default:
+        holder = newChild(root_, "transfer");
+        if (!speed_.empty()) addAttribute(holder, "speed", speed_);
+        break;
+    }
+
+    if (holder != nullptr) newTextChild(holder, "host", host_);
+    if (state_ == dumpTransfer) {
+        newChild(holder, "dumpfile");
+    } else if (state_ == contentTransfer) {
+        xmlNode* files = newChild(holder, "files");
+        addAttribute(files, "total", totalFiles_);
+        addAttribute(files, "left", filesLeft_);
+        if (!totalSize_.empty() && !sizeLeft_.empty()) {
+            addAttribute(files, "size-total", totalSize_);
+            addAttribute(files, "size-left", sizeLeft_);
+        }
+        if (!currentFile_.empty()) {
+            xmlNode* current = newTextChild(files, "current-file", currentFile_);
+            if (!currentFileSize_.empty()) {
+                addAttribute(current, "size", currentFileSize_);
+                addAttribute(current, "size-left", currentFileSizeLeft_);
+            }
+        }
+    }
+
+    saveToFileAtomically(theSession->getStatusFileName());
+}
+
+std::unique_ptr<MigrationStatus> createMigrationStatusFile() {
+    return std::unique_ptr<MigrationStatus>(new XmlMigrationStatus());
+}
+
+// --------------------------------------------------------------- content list
+
+namespace {
+
+// The whole text must be the number. lexical_cast lets "-1" wrap around for
+// an unsigned target: refuse a sign there with the conversion's own error.
+uint64_t toTotal(const std::string& text) {
+    if (text.find('-') != std::string::npos) throw boost::bad_lexical_cast(typeid(std::string), typeid(uint64_t));
+    return boost::lexical_cast<uint64_t>(text);
+}
+
+}  // namespace
+
+XmlAgentFileList::XmlAgentFileList(const std::string& text) : tXmlQmvDocument(text) {
+    initFileDoc("contentlist");
+}
+
+void XmlAgentFileList::parse() {
+    files_.clear();
+    for (xmlNode* node = root_->children; node != nullptr; node = node->next) {
+        if (node->type != XML_ELEMENT_NODE || xmlStrcmp(node->name, BAD_CAST "file") != 0) continue;
+        const int64_t size = boost::lexical_cast<int64_t>(getAttribute(node, "size"));
+        const std::string md5sum = getAttribute(node, "md5sum");
+        files_.emplace_back(getNodeText(node), size, md5sum);
+    }
+}
+
+uint64_t XmlAgentFileList::getTotalSize() const { return toTotal(getAttribute(root_, "size")); }
+
+uint64_t XmlAgentFileList::getUnpackedSize() const { return toTotal(getAttribute(root_, "unpacked")); }
+
+std::unique_ptr<AgentFileList> getFileList(const std::string& text) {
+    std::unique_ptr<XmlAgentFileList> list(new XmlAgentFileList(text));
+    list->parse();
+    return std::unique_ptr<AgentFileList>(list.release());
+}
+
+}  // namespace velmo
