@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
@@ -8,7 +7,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -36,9 +34,8 @@ std::string makeTempDir() {
 }
 
 std::string readFile(const std::string& name) {
-    std::ifstream in(name.c_str(), std::ios::binary);
     std::stringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(name.c_str()).rdbuf();
     return text.str();
 }
 
@@ -75,12 +72,9 @@ protected:
     std::string session_;
 };
 
-xmlNode* firstElement(xmlNode* parent) { return xmlFirstElementChild(parent); }
-std::string name(xmlNode* node) { return reinterpret_cast<const char*>(node->name); }
-int countAttributes(xmlNode* node) {
-    int n = 0;
-    for (xmlAttr* a = node->properties; a; a = a->next) ++n;
-    return n;
+// The result file with each message reduced to "<m/>".
+std::string shape(const std::string& file) {
+    return std::regex_replace(readFile(file), std::regex("<message .*?</message>"), "<m/>");
 }
 
 }  // namespace
@@ -89,54 +83,27 @@ TEST_F(LogTest, ResultDocumentOfAFailureWithAnInnerException) {
     addSecret("pa55word");
     Exc<&SshConnectionFault> inner = VELMO_EXC(SshConnectionFault);
     Exc<&CantRetrieveDump> outer = VELMO_EXC_INNER(CantRetrieveDump, inner);
-    Exc<&FailedToExecuteScout> leaky = VELMO_EXC(FailedToExecuteScout) % 1 % "sudo said pa55word";
     {
         SessionLifetimeController session(session_);
         LogLifetimeController log("");
-        theLog->pushObject("alice", "account");
         theLog->log(outer);
-        theLog->popObject();
-        theLog->log(leaky);
+        theLog->log(VELMO_EXC(FailedToExecuteScout) % 1 % "sudo said pa55word");
     }
     EXPECT_EQ(nullptr, theLog);
-
+    const std::string id = "id=\"([0-9a-f-]{36})\"";
+    std::regex expected("<\\?xml version=\"1.0\"\\?>\n<execution-result status=\"error\">"
+                        "<message code=\"CantRetrieveDump\" " + id + " severity=\"error\">"
+                        "<description>Error during dump retrieval</description>"
+                        "<message code=\"SshConnectionFault\" " + id + " severity=\"error\">"
+                        "<description>Lost connection with the remote host</description></message></message>"
+                        "<message code=\"FailedToExecuteScout\" id=\"[^\"]*\" severity=\"error\"><description>"
+                        "Failed to execute scout. \nThe return code is 1\nThe output on STDERR is\nsudo said \\*{8}"
+                        "</description></message></execution-result>\n");
     const std::string text = readFile(session_ + "/migration.result");
-    EXPECT_EQ(std::string::npos, text.find("log_test")) << text;
-    EXPECT_EQ(std::string::npos, text.find("TestBody")) << text;
-    EXPECT_EQ(std::string::npos, text.find("pa55word")) << text;
-
-    tXmlQmvDocument doc(std::string(text.c_str()));
-    doc.initFileDoc("execution-result");
-    EXPECT_EQ("error", doc.getAttribute(doc.getRoot(), "status"));
-    xmlNode* object = firstElement(doc.getRoot());
-    ASSERT_EQ("object", name(object));
-    EXPECT_EQ("alice", doc.getAttribute(object, "name"));
-    EXPECT_EQ("account", doc.getAttribute(object, "type"));
-
-    xmlNode* message = firstElement(object);
-    ASSERT_EQ("message", name(message));
-    EXPECT_EQ(nullptr, xmlNextElementSibling(message));
-    EXPECT_EQ(3, countAttributes(message));
-    EXPECT_EQ("CantRetrieveDump", doc.getAttribute(message, "code"));
-    EXPECT_EQ(outer.id(), doc.getAttribute(message, "id"));
-    EXPECT_EQ("error", doc.getAttribute(message, "severity"));
-    xmlNode* description = firstElement(message);
-    ASSERT_EQ("description", name(description));
-    EXPECT_EQ("Error during dump retrieval", doc.getNodeText(description));
-
-    xmlNode* nested = xmlNextElementSibling(description);
-    ASSERT_EQ("message", name(nested));
-    EXPECT_EQ(nullptr, xmlNextElementSibling(nested));
-    EXPECT_EQ(3, countAttributes(nested));
-    EXPECT_EQ("SshConnectionFault", doc.getAttribute(nested, "code"));
-    EXPECT_EQ(inner.id(), doc.getAttribute(nested, "id"));
-    EXPECT_EQ("Lost connection with the remote host", doc.getNodeText(firstElement(nested)));
-    EXPECT_EQ(nullptr, xmlNextElementSibling(firstElement(nested)));
-
-    xmlNode* second = xmlNextElementSibling(object);
-    ASSERT_EQ("message", name(second));
-    EXPECT_EQ("Failed to execute scout. \nThe return code is 1\nThe output on STDERR is\nsudo said ********",
-              doc.getNodeText(firstElement(second)));
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(text, m, expected)) << text;
+    EXPECT_EQ(outer.id(), m[1]);
+    EXPECT_EQ(inner.id(), m[2]);
 }
 
 TEST_F(LogTest, ObjectsWithNothingLoggedLeaveNoTrace) {
@@ -146,14 +113,12 @@ TEST_F(LogTest, ObjectsWithNothingLoggedLeaveNoTrace) {
         EXPECT_THROW(log.popObject(), Exc<&NoParentNode>);
         log.pushObject("empty", "domain");
         log.popObject();
-
         log.pushObject("kept", "account");
         log.pushObject("dropped", "domain");
         EXPECT_EQ(2, log.getDepth());
         log.popObject();
         log.log(VELMO_EXC(StreamRead));
         log.popObject();
-
         log.pushObject("outer", "account");
         log.pushObject("inner", "domain");
         log.log(VELMO_EXC(StreamWrite));
@@ -164,25 +129,11 @@ TEST_F(LogTest, ObjectsWithNothingLoggedLeaveNoTrace) {
         EXPECT_EQ(0, log.getDepth());
         log.setSuccess(true);
     }
-    tXmlQmvDocument doc((session_ + "/objects.result").c_str());
-    doc.initFileDoc("execution-result");
-    EXPECT_EQ("success", doc.getAttribute(doc.getRoot(), "status"));
-
-    xmlNode* kept = firstElement(doc.getRoot());
-    ASSERT_NE(nullptr, kept);
-    EXPECT_EQ("kept", doc.getAttribute(kept, "name"));
-    ASSERT_EQ("message", name(firstElement(kept)));
-    EXPECT_EQ(nullptr, xmlNextElementSibling(firstElement(kept)));
-
-    xmlNode* outer = xmlNextElementSibling(kept);
-    ASSERT_NE(nullptr, outer);
-    EXPECT_EQ("outer", doc.getAttribute(outer, "name"));
-    xmlNode* inner = firstElement(outer);
-    ASSERT_NE(nullptr, inner);
-    EXPECT_EQ("inner", doc.getAttribute(inner, "name"));
-    EXPECT_EQ(nullptr, xmlNextElementSibling(inner));
-    EXPECT_EQ("StreamWrite", doc.getAttribute(firstElement(inner), "code"));
-    EXPECT_EQ(nullptr, xmlNextElementSibling(outer));
+    EXPECT_EQ("<?xml version=\"1.0\"?>\n<execution-result status=\"success\">"
+              "<object name=\"kept\" type=\"account\"><m/></object>"
+              "<object name=\"outer\" type=\"account\"><object name=\"inner\" type=\"domain\"><m/></object></object>"
+              "</execution-result>\n",
+              shape(session_ + "/objects.result"));
 }
 
 TEST_F(LogTest, EarlierResultFilesAreMovedAside) {
@@ -193,14 +144,9 @@ TEST_F(LogTest, EarlierResultFilesAreMovedAside) {
         log.log(VELMO_EXC(StreamRead));
         log.popObject();
     }
-    auto runOf = [](const std::string& file) {
-        tXmlQmvDocument doc(file.c_str());
-        doc.initFileDoc("execution-result");
-        return doc.getAttribute(xmlFirstElementChild(doc.getRoot()), "name");
-    };
-    EXPECT_EQ("third", runOf(session_ + "/run.result"));
-    EXPECT_EQ("first", runOf(session_ + "/run.result.1"));
-    EXPECT_EQ("second", runOf(session_ + "/run.result.2"));
+    EXPECT_NE(std::string::npos, readFile(session_ + "/run.result").find("\"third\""));
+    EXPECT_NE(std::string::npos, readFile(session_ + "/run.result.1").find("\"first\""));
+    EXPECT_NE(std::string::npos, readFile(session_ + "/run.result.2").find("\"second\""));
     EXPECT_FALSE(fs::exists(session_ + "/run.result.3"));
 }
 
