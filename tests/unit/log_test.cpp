@@ -15,7 +15,6 @@
 #include <boost/filesystem.hpp>
 #include <log4cpp/Appender.hh>
 #include <log4cpp/Category.hh>
-#include <log4cpp/Configurator.hh>
 
 #include "commons/commons.h"
 #include "commons/log.h"
@@ -238,20 +237,4 @@ TEST_F(LogTest, ConfiguredRunsWriteStartAndStopLines) {
     }
     // The substituted copy of the configuration is gone.
     EXPECT_TRUE(fs::is_empty(productRoot().dir + "/QMV/tmp"));
-}
-
-TEST_F(LogTest, MissingLogConfigurationReachesTheCaller) {
-    const std::string properties = productRoot().dir + "/QMV/log4cpp.properties";
-    const int code = inChild([&] {
-        fs::rename(properties, properties + ".away");
-        int result = 1;
-        try {
-            initializeLog4Cpp(false);
-        } catch (const log4cpp::ConfigureFailure&) {
-            result = 0;
-        }
-        fs::rename(properties + ".away", properties);
-        return result;
-    });
-    EXPECT_EQ(0, code);
 }
