@@ -1,0 +1,166 @@
+#include "vantrel/vantrel.h"
+
+#include <cstdlib>
+#include <ctime>
+#include <iostream>
+
+#include "commons/commons.h"
+#include "commons/exceptions.h"
+#include "commons/log.h"
+#include "commons/session.h"
+#include "commons/ssh-transfer.h"
+#include "utils/read_configuration.h"
+#include "vantrel/dump_options.h"
+#include "vantrel/send_agent.h"
+
+namespace velmo {
+
+namespace {
+
+int report(const ExTraceable& e, int code) {
+    theDebugLog->log(e);
+    theLog->log(e);
+    std::cerr << e.what();
+    std::cerr.flush();
+    return code;
+}
+
+void readListFromStandardInput(config& cfg) {
+    std::string* target = nullptr;
+    if (cfg.resellers == "-")
+        target = &cfg.resellers;
+    else if (cfg.clients == "-")
+        target = &cfg.clients;
+    else if (cfg.domains == "-")
+        target = &cfg.domains;
+    if (target == nullptr) return;
+    std::string line;
+    std::getline(std::cin, line);
+    *target = line;
+}
+
+}  // namespace
+
+std::string getLogName(const config& cfg) { return cfg.action == 5 ? "transfer.result" : std::string(); }
+
+void prepareDumpArguments(const config& cfg, std::vector<std::string>& arguments, std::string& standardInput) {
+    if (cfg.contentTransport == "rsync") {
+        standardInput += cfg.host + "\n" + cfg.login + "\n" + cfg.password + "\n" +
+                         (cfg.port == -1 ? std::string() : std::to_string(cfg.port)) + "\n";
+        arguments.push_back("--content-transport=rsync");
+    }
+    arguments.push_back("--migration-mode");
+    if (cfg.action == 4)
+        arguments.push_back("--dump-all");
+    else
+        prepareDumpOptions(cfg, arguments, standardInput);
+}
+
+Action* getActionByIdInternal(const config& cfg) {
+    switch (cfg.action) {
+        case 0:
+            return new SendScoutAction();
+        case 1:
+            return new SendAgentAction();
+        case 2:
+            return new GetDumpingStatusAction();
+        case 3:
+        case 4: {
+            std::vector<std::string> arguments;
+            std::string standardInput;
+            prepareDumpArguments(cfg, arguments, standardInput);
+            return new RetrieveDumpAction(arguments, standardInput);
+        }
+        case 5:
+            return new RetrieveContentAction();
+        case 6:
+            return new RemoveAgentAction();
+        case 7:
+            return new RemoveDumpingStatusAction();
+        default:
+            throw VELMO_EXC(UnknownAction);
+    }
+}
+
+std::unique_ptr<Action> getActionById(const config& cfg) {
+    std::unique_ptr<Action> action(getActionByIdInternal(cfg));
+    action->setConfig(&cfg);
+    return action;
+}
+
+int do_actions(config& cfg) {
+    LogLifetimeController resultLog(getLogName(cfg));
+    try {
+        readListFromStandardInput(cfg);
+        std::unique_ptr<Action> action = getActionById(cfg);
+        action->execute();
+        theLog->setSuccess(true);
+        action.reset();
+        return 0;
+    } catch (const Exc<&ConnectionRefused>& e) {
+        return report(e, 11);
+    } catch (const Exc<&ConnectionTimedOut>& e) {
+        return report(e, 12);
+    } catch (const Exc<&NetworkUnreachable>& e) {
+        return report(e, 13);
+    } catch (const Exc<&HostUnreachable>& e) {
+        return report(e, 14);
+    } catch (const Exc<&ConnectionFault>& e) {
+        return report(e, 15);
+    } catch (const Exc<&HostNotFound>& e) {
+        return report(e, 16);
+    } catch (const Exc<&SshInvalidCredentials>& e) {
+        return report(e, 17);
+    } catch (const Exc<&SshConnectionFault>& e) {
+        return report(e, 18);
+    } catch (const ExTraceable& e) {
+        return report(e, 2);
+    } catch (const MigrationTerminatedException& e) {
+        theLog->setSuccess(true);
+        theDebugLog->log(std::string(e.what()));
+        std::cout << e.what();
+        std::cout.flush();
+        return 0;
+    }
+}
+
+int real_main(int argc, char** argv) {
+    autoprepend();
+    std::srand(static_cast<unsigned>(std::time(nullptr)));
+
+    config cfg;
+    if (!parse_options(argc, argv, &cfg)) return 1;
+    if (cfg.action == 8) {
+        usage();
+        return 0;
+    }
+    if (cfg.action == -1) {
+        std::cerr << "Action required. See --help\n";
+        return 1;
+    }
+    if (cfg.sessionPath.empty()) {
+        std::cerr << "--session-path is required.\n";
+        return 1;
+    }
+
+    SessionLifetimeController session(cfg.sessionPath);
+    DebugLogLifetimeController debugLog(false, cfg.verbose);
+    StartStopLogger startStop("Vantrel", argc, argv);
+    try {
+        verify_options(&cfg);
+    } catch (const Exc<&OptParsingError>& e) {
+        theDebugLog->log(e);
+        startStop.setExitCode(1);
+        return 1;
+    }
+    try {
+        int code = do_actions(cfg);
+        startStop.setExitCode(code);
+        return code;
+    } catch (...) {
+        startStop.setExitCode(1);
+        throw;
+    }
+}
+
+}  // namespace velmo
