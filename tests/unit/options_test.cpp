@@ -56,15 +56,6 @@ protected:
 }  // namespace
 
 TEST_F(Options, EveryOptionReachesItsField) {
-    config fresh;
-    EXPECT_EQ(-1, fresh.action);
-    EXPECT_EQ(0, fresh.port);
-    EXPECT_EQ(0, fresh.compression);
-    EXPECT_EQ(0, fresh.filter);
-    EXPECT_FALSE(fresh.noContent || fresh.noCheckSpace || fresh.noEncryption || fresh.useSudo ||
-                 fresh.sudoPasswordProvided || fresh.verbose || fresh.server || fresh.adminInfo ||
-                 fresh.noLicense);
-
     config cfg;
     ASSERT_TRUE(parse({"--dump-selected", "--resellers=r1,r2", "--clients", "-", "--domains=a.example",
                        "--no-content", "--no-compress", "--ip=old.example", "--host", "src.example",
@@ -269,27 +260,16 @@ TEST_F(Options, VerificationRulesPerAction) {
         EXPECT_EQ("", verifyMessage(loaded)) << "action " << action;
     }
 
-    // Order of the checks: the option-to-action checks come before the
-    // required ones, and host before port before login.
+    // The option-to-action checks come first, then host before port.
     config scout;
     scout.action = 0;
     scout.port = -1;
     scout.noContent = true;
-    scout.noEncryption = true;
-    EXPECT_EQ(extra("no-encryption", "get-content"), verifyMessage(scout));
-    scout.noEncryption = false;
     EXPECT_EQ(extra("no-content", "dump-*"), verifyMessage(scout));
     scout.noContent = false;
     EXPECT_EQ(missed("host"), verifyMessage(scout));
     scout.host = "h";
     EXPECT_EQ(PREFIX + "port should be a number in [1, 65535] range", verifyMessage(scout));
-    scout.port = 0;
-    scout.agentDir = "d";
-    scout.agentName = "n";
-    EXPECT_EQ(missed("login"), verifyMessage(scout));
-    scout.login = "l";
-    scout.password = "p";
-    EXPECT_EQ(invalid("agent directory"), verifyMessage(scout));
 
     config removal;
     removal.action = 7;
