@@ -99,17 +99,20 @@ Ssh* Action::getSsh() {
     return ssh.get();
 }
 
+namespace {
+// Every command of an action runs in a fresh sh, inside the agent directory.
+std::string userLine(const config& cfg, const std::string& command) {
+    return commandLine({"sh", "-c", "cd " + cfg.agentDir + "; " + command});
+}
+}  // namespace
+
 int Action::execUser(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
                      bool quietOutput, bool quietInput) {
-    const std::string line =
-        sh_quote("sh") + " " + sh_quote("-c") + " " + sh_quote("cd " + cfg->agentDir + "; " + command);
-    return getSsh()->exec(line, in, out, err, quietOutput, quietInput, Ssh::null_counter);
+    return getSsh()->exec(userLine(*cfg, command), in, out, err, quietOutput, quietInput, Ssh::null_counter);
 }
 
 int Action::execUser(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput) {
-    const std::string line =
-        sh_quote("sh") + " " + sh_quote("-c") + " " + sh_quote("cd " + cfg->agentDir + "; " + command);
-    return getSsh()->exec(line, out, err, quietOutput, Ssh::null_counter);
+    return getSsh()->exec(userLine(*cfg, command), out, err, quietOutput, Ssh::null_counter);
 }
 
 int Action::execRoot(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
