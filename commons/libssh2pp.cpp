@@ -1,0 +1,220 @@
+#include "commons/libssh2pp.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include <log4cpp/Category.hh>
+
+#include "commons/commons.h"
+#include "commons/exceptions.h"
+#include "commons/socket.h"
+
+namespace velmo {
+namespace libssh2pp {
+
+static log4cpp::Category& sessionLogger = log4cpp::Category::getInstance("p.libssh2pp.Session");
+static log4cpp::Category& channelLogger = log4cpp::Category::getInstance("p.libssh2pp.Channel");
+
+// Size of the receive window and of the largest packet of every channel.
+static const unsigned kWindowSize = 65536;
+static const unsigned kPacketSize = 16384;
+
+void qmv_libssh2_channel_free(LIBSSH2_CHANNEL* channel) {
+    AlarmSignalBlock quiet;
+    (void)libssh2_channel_free(channel);
+}
+
+void qmv_libssh2_session_free(LIBSSH2_SESSION* session) {
+    AlarmSignalBlock quiet;
+    (void)libssh2_session_free(session);
+}
+
+Channel::Channel(LIBSSH2_CHANNEL* channel) : Handle(channel) {}
+
+Channel::~Channel() {
+    channelLogger.debugStream() << "Closed";
+}
+
+int Channel::poll(int timeout) {
+    LIBSSH2_POLLFD entry;
+    entry.type = LIBSSH2_POLLFD_CHANNEL;
+    entry.fd.channel = get();
+    // In this library the extended-data test also sees ordinary data, so
+    // asking for both ends the wait on input of either stream: standard
+    // error arriving alone does not have to sit out the time-out.
+    entry.events = LIBSSH2_POLLFD_POLLIN | LIBSSH2_POLLFD_POLLEXT;
+    entry.revents = 0;
+    {
+        AlarmSignalBlock quiet;
+        libssh2_poll(&entry, 1, timeout);
+    }
+    const unsigned long bothClosed = LIBSSH2_POLLFD_SESSION_CLOSED | LIBSSH2_POLLFD_CHANNEL_CLOSED;
+    if ((entry.revents & bothClosed) == bothClosed)
+        throw VELMO_EXC(SshConnectionFault);
+    return static_cast<int>(entry.revents);
+}
+
+Session::Session(int socket, bool disableEncryption, bool compatibilityMode)
+    : Handle(libssh2_session_init_ex(nullptr, nullptr, nullptr, nullptr)),
+      compatibilityMode_(compatibilityMode) {
+    LIBSSH2_SESSION* session = get();
+    sessionLogger.debugStream() << "Trying to start SSH session";
+    if (disableEncryption) {
+        sessionLogger.debugStream() << "Disabling SSH encryption";
+        // A library built without the "none" cipher refuses these; the
+        // default ciphers are negotiated then.
+        (void)libssh2_session_method_pref(session, LIBSSH2_METHOD_CRYPT_CS, "none");
+        (void)libssh2_session_method_pref(session, LIBSSH2_METHOD_CRYPT_SC, "none");
+    }
+    if (compatibilityMode)
+        (void)libssh2_session_method_pref(session, LIBSSH2_METHOD_KEX, "diffie-hellman-group1-sha1");
+
+    int rc;
+    {
+        AlarmSignalBlock quiet;
+        rc = libssh2_session_handshake(session, socket);
+    }
+    if (rc != 0) {
+        const std::string reason = lastError();
+        sessionLogger.errorStream() << "SSH session was not started: " << reason;
+        // The base class frees the library session on the way out.
+        throw VELMO_EXC(UnableToStartSshSession) % reason;
+    }
+    const char* cipher = libssh2_session_methods(session, LIBSSH2_METHOD_CRYPT_SC);
+    sessionLogger.debugStream() << "Selected " << (cipher ? cipher : "") << " encryption method";
+    sessionLogger.debugStream() << "SSH session started successfully";
+}
+
+Session::~Session() {
+    sessionLogger.debugStream() << "SSH session finished";
+    reserveChannel_.reset();
+}
+
+std::string Session::lastError() const {
+    char* text = nullptr;
+    libssh2_session_last_error(get(), &text, nullptr, 0);
+    return text ? std::string(text) : std::string();
+}
+
+void Session::getAuthMethodsList(const std::string& login, std::vector<std::string>& methods) {
+    sessionLogger.debugStream() << "Getting userauth methods for user '" << login << "'";
+    const char* raw;
+    {
+        AlarmSignalBlock quiet;
+        raw = libssh2_userauth_list(get(), login.c_str(), static_cast<unsigned>(login.size()));
+    }
+    // The library owns this string and frees it with the session: copy it,
+    // never release it here.
+    if (raw == nullptr)
+        throw VELMO_EXC(InvalidHandle);
+    const std::string list(raw);
+    sessionLogger.debugStream() << "Got the following allowed userauth methods: " << list;
+
+    methods.clear();
+    std::string::size_type start = 0;
+    for (;;) {
+        const std::string::size_type comma = list.find(',', start);
+        if (comma == std::string::npos) {
+            methods.push_back(list.substr(start));
+            break;
+        }
+        methods.push_back(list.substr(start, comma - start));
+        start = comma + 1;
+    }
+}
+
+void Session::authorize(const std::string& login, const std::string& password) {
+    sessionLogger.debugStream() << "Requested authorization for user " << login;
+    std::vector<std::string> methods;
+    getAuthMethodsList(login, methods);
+    const auto offered = [&methods](const char* name) {
+        return std::find(methods.begin(), methods.end(), name) != methods.end();
+    };
+
+    bool authenticated = false;
+    if (offered("password")) {
+        sessionLogger.debugStream() << "Trying 'password' authentication";
+        int rc;
+        {
+            AlarmSignalBlock quiet;
+            rc = libssh2_userauth_password_ex(get(), login.c_str(), static_cast<unsigned>(login.size()),
+                                              password.c_str(), static_cast<unsigned>(password.size()),
+                                              nullptr);
+        }
+        if (rc == 0) {
+            sessionLogger.debugStream() << "Authenticated succesfully";
+            authenticated = true;
+        }
+    }
+    if (!authenticated && offered("keyboard-interactive")) {
+        sessionLogger.debugStream() << "Trying 'keyboard-interactive' authentication";
+        void** slot = libssh2_session_abstract(get());
+        *slot = const_cast<std::string*>(&password);
+        int rc;
+        {
+            AlarmSignalBlock quiet;
+            rc = libssh2_userauth_keyboard_interactive_ex(get(), login.c_str(),
+                                                          static_cast<unsigned>(login.size()),
+                                                          &Session::userauth_callback);
+        }
+        *slot = nullptr;
+        if (rc == 0) {
+            sessionLogger.debugStream() << "Authenticated successfully";
+            authenticated = true;
+        }
+    }
+    if (!authenticated) {
+        sessionLogger.errorStream() << "Authentication failed";
+        throw VELMO_EXC(SshAuthorizationFailed);
+    }
+    if (compatibilityMode_)
+        create_reserve_channel();
+}
+
+void Session::userauth_callback(const char* /*name*/, int /*name_len*/, const char* /*instruction*/,
+                                int /*instruction_len*/, int num_prompts,
+                                const LIBSSH2_USERAUTH_KBDINT_PROMPT* /*prompts*/,
+                                LIBSSH2_USERAUTH_KBDINT_RESPONSE* responses, void** abstract) {
+    sessionLogger.debugStream() << "'keyboard-interactive' callback requested. "
+                                << "Filling " << num_prompts << " responses with the password";
+    const std::string* password = static_cast<const std::string*>(*abstract);
+    for (int i = 0; i < num_prompts; ++i) {
+        const std::size_t length = password ? password->size() : 0;
+        // The library releases the answers with free().
+        char* copy = static_cast<char*>(std::malloc(length > 0 ? length : 1));
+        if (length > 0)
+            std::memcpy(copy, password->data(), length);
+        responses[i].text = copy;
+        responses[i].length = static_cast<unsigned>(length);
+    }
+}
+
+LIBSSH2_CHANNEL* Session::openSessionChannel() {
+    AlarmSignalBlock quiet;
+    return libssh2_channel_open_ex(get(), "session", 7, kWindowSize, kPacketSize, nullptr, 0);
+}
+
+std::unique_ptr<Channel> Session::openExecChannel(const std::string& command, Channel::Mode mode) {
+    sessionLogger.debugStream() << "Opening SSH channel for command '" << maskSecrets(command) << "'";
+    std::unique_ptr<Channel> channel(new Channel(openSessionChannel()));
+    AlarmSignalBlock quiet;
+    libssh2_channel_set_blocking(channel->get(), mode);
+    (void)libssh2_channel_process_startup(channel->get(), "exec", 4, command.c_str(),
+                                          static_cast<unsigned>(command.size()));
+    return channel;
+}
+
+void Session::create_reserve_channel() {
+    sessionLogger.debugStream() << "Create a reserve channel";
+    reserveChannel_.reset(new Channel(openSessionChannel()));
+    AlarmSignalBlock quiet;
+    libssh2_channel_set_blocking(reserveChannel_->get(), Channel::NonBlocking);
+    (void)libssh2_channel_process_startup(reserveChannel_->get(), "exec", 4, "cat", 3);
+    // This library keeps the blocking mode per session, not per channel: put
+    // the session back into the blocking mode that every other call expects.
+    libssh2_session_set_blocking(get(), 1);
+}
+
+}  // namespace libssh2pp
+}  // namespace velmo

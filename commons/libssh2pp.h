@@ -1,0 +1,86 @@
+// A thin object layer over libssh2: the session started on a connected
+// socket, its authentication, and the channels that run one command each.
+#ifndef VANTREL_COMMONS_LIBSSH2PP_H
+#define VANTREL_COMMONS_LIBSSH2PP_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <libssh2.h>
+
+#include "commons/handle.h"
+
+namespace velmo {
+namespace libssh2pp {
+
+// Release functions of the right shape for Handle. Both keep SIGALRM back
+// while the library closes the channel or the session.
+void qmv_libssh2_channel_free(LIBSSH2_CHANNEL* channel);
+void qmv_libssh2_session_free(LIBSSH2_SESSION* session);
+
+class Channel : public Handle<LIBSSH2_CHANNEL*, &qmv_libssh2_channel_free,
+                              DefaultValidationPolicy<LIBSSH2_CHANNEL*> > {
+public:
+    enum Mode { NonBlocking = 0, Blocking = 1 };
+
+    // Takes ownership of a channel; throws Exc<&InvalidHandle> for null.
+    explicit Channel(LIBSSH2_CHANNEL* channel);
+    ~Channel() override;
+
+    // Waits up to timeout milliseconds for input on the channel and returns
+    // the events seen (LIBSSH2_POLLFD_*). Throws Exc<&SshConnectionFault>
+    // when the session and the channel are both reported closed; a time-out
+    // or one closed bit alone is no error.
+    int poll(int timeout);
+};
+
+class Session : public Handle<LIBSSH2_SESSION*, &qmv_libssh2_session_free,
+                              DefaultValidationPolicy<LIBSSH2_SESSION*> > {
+public:
+    // Starts SSH on the connected descriptor socket. disableEncryption asks
+    // for the "none" cipher (ignored by a library without it);
+    // compatibilityMode restricts the key exchange to
+    // diffie-hellman-group1-sha1 and opens a reserve channel after
+    // authentication. Throws Exc<&UnableToStartSshSession>.
+    Session(int socket, bool disableEncryption, bool compatibilityMode);
+    ~Session() override;
+
+    // The authentication methods the server allows for login, split at ",".
+    void getAuthMethodsList(const std::string& login, std::vector<std::string>& methods);
+    // Tries "password", then "keyboard-interactive" with the same password,
+    // each at most once; throws Exc<&SshAuthorizationFailed>.
+    void authorize(const std::string& login, const std::string& password);
+
+    // Keyboard-interactive callback: answers every prompt with the password
+    // that authorize left in the session's abstract slot.
+    static void userauth_callback(const char* name, int name_len, const char* instruction,
+                                  int instruction_len, int num_prompts,
+                                  const LIBSSH2_USERAUTH_KBDINT_PROMPT* prompts,
+                                  LIBSSH2_USERAUTH_KBDINT_RESPONSE* responses, void** abstract);
+
+    // A new session channel (window 65536, packets 16384) on which command
+    // has been started with an "exec" request.
+    std::unique_ptr<Channel> openExecChannel(const std::string& command, Channel::Mode mode);
+
+    // Opens the reserve channel: "cat" waiting on the remote side for input
+    // that never comes, kept open until the session ends.
+    void create_reserve_channel();
+
+    bool compatibilityMode() const { return compatibilityMode_; }
+    const Channel* reserveChannel() const { return reserveChannel_.get(); }
+
+    // The library's text for the last error of the session.
+    std::string lastError() const;
+
+private:
+    LIBSSH2_CHANNEL* openSessionChannel();
+
+    bool compatibilityMode_;
+    std::unique_ptr<Channel> reserveChannel_;
+};
+
+}  // namespace libssh2pp
+}  // namespace velmo
+
+#endif

@@ -1,0 +1,168 @@
+// The one authenticated connection to the source host: remote commands with
+// streamed standard input, output and error, and file transfer built on them.
+#ifndef VANTREL_COMMONS_SSH_TRANSFER_H
+#define VANTREL_COMMONS_SSH_TRANSFER_H
+
+#include <atomic>
+#include <cstddef>
+#include <istream>
+#include <memory>
+#include <ostream>
+#include <stdexcept>
+#include <string>
+
+#include "commons/libssh2pp.h"
+#include "commons/socket.h"
+
+namespace velmo {
+
+// Hook called by the execution loop at every pass while it is set.
+class Alarm {
+public:
+    virtual ~Alarm();
+    virtual void doAlarm() = 0;
+};
+
+// A stop request: every transfer ends at its next chunk. Stands outside the
+// tagged exceptions; the driver treats it as a clean stop.
+class MigrationTerminatedException : public std::runtime_error {
+public:
+    MigrationTerminatedException();
+};
+
+// Process-wide termination flag; may be set from a signal handler.
+extern volatile bool isProgramTerminated;
+void terminateProgram();
+// Throws MigrationTerminatedException once the flag is set.
+void checkProgramTerminated();
+
+// Source of bytes: more than 0 is a chunk, 0 the end of input, -1 an error.
+class IOReadChannel {
+public:
+    virtual ~IOReadChannel();
+    virtual int read(char* buffer, unsigned size) = 0;
+};
+
+// Sink of bytes: returns how many it accepted, or a negative error.
+class IOWriteChannel {
+public:
+    virtual ~IOWriteChannel();
+    virtual int write(const char* data, unsigned size) = 0;
+};
+
+// Reads an input stream; a stream that cannot be read reports end of input.
+class IOStreamReadChannel : public IOReadChannel {
+public:
+    explicit IOStreamReadChannel(std::istream& in) : in_(in) {}
+    int read(char* buffer, unsigned size) override;
+
+private:
+    std::istream& in_;
+};
+
+// Writes an output stream; -1 once the stream has failed.
+class IOStreamWriteChannel : public IOWriteChannel {
+public:
+    explicit IOStreamWriteChannel(std::ostream& out) : out_(out) {}
+    int write(const char* data, unsigned size) override;
+
+private:
+    std::ostream& out_;
+};
+
+// Writes the standard input of the command running on a channel.
+class SshChannelWriteChannel : public IOWriteChannel {
+public:
+    explicit SshChannelWriteChannel(libssh2pp::Channel& channel) : channel_(channel) {}
+    int write(const char* data, unsigned size) override;
+
+private:
+    libssh2pp::Channel& channel_;
+};
+
+// A block of bytes written to a log stream as it is: no escaping, no
+// truncation, no line end.
+struct memchunk_log {
+    memchunk_log(const char* data, std::size_t length) : data(data), length(length) {}
+    const char* data;
+    std::size_t length;
+};
+std::ostream& operator<<(std::ostream& out, const memchunk_log& chunk);
+
+class Ssh {
+public:
+    // Receives the size of every chunk of standard output.
+    class Counter {
+    public:
+        virtual ~Counter();
+        virtual void operator()(int bytes) = 0;
+    };
+    class NullCounter : public Counter {
+    public:
+        void operator()(int) override {}
+    };
+    static NullCounter null_counter;
+
+    // Connects and authenticates. A failed handshake is tried once more on a
+    // new connection in compatibility mode; refused credentials give
+    // Exc<&SshInvalidCredentials>.
+    Ssh(const std::string& host, const std::string& login, const std::string& password,
+        bool disableEncryption, unsigned short port);
+    ~Ssh();
+
+    Ssh(const Ssh&) = delete;
+    Ssh& operator=(const Ssh&) = delete;
+
+    // Sets or clears the hook of the execution loop; safe from a signal
+    // handler.
+    void setAlarm(Alarm* alarm) { alarm_.store(alarm); }
+
+    // Runs command with in as its standard input (sent whole, then EOF) and
+    // copies its standard output and error into out and err as they arrive.
+    // Returns the exit status. quietOutput keeps output chunks out of the
+    // log, quietInput input chunks.
+    int exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
+             bool quietOutput, bool quietInput, Counter& counter);
+    int exec(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput,
+             Counter& counter);
+
+    // Reads a remote file with "cat"; returns the exit status.
+    int get(std::ostream& out, std::ostream& err, const std::string& remotePath, Counter& counter);
+    int get(std::ostream& out, const std::string& remotePath);
+    // The same into a local file (mode 0640 at most); a read that fails,
+    // by status or by error, leaves no local file.
+    int get(const std::string& localPath, std::ostream& err, const std::string& remotePath,
+            Counter& counter);
+    int get(const std::string& localPath, const std::string& remotePath);
+
+    // Writes a remote file with "cat >"; the status is not examined.
+    void put(std::istream& in, const std::string& remotePath);
+    // The same from a local file; a file that cannot be opened throws
+    // Exc<&StreamRead> before anything is sent.
+    void put(const std::string& localPath, const std::string& remotePath);
+
+    // Logs one chunk of standard input, passwords masked.
+    static void logPump(const char* data, int length);
+
+    libssh2pp::Session& session() { return *session_; }
+
+private:
+    bool connectionLost() const;
+
+    std::unique_ptr<Socket> socket_;
+    std::unique_ptr<libssh2pp::Session> session_;
+    std::atomic<Alarm*> alarm_;
+};
+
+// Copies from into to until the end of from, in chunks of 65536 bytes;
+// Exc<&StreamRead> when from fails.
+void pump(IOReadChannel& from, IOWriteChannel& to);
+// The same, logging every chunk with Ssh::logPump.
+void pump_with_log(IOReadChannel& from, IOWriteChannel& to, Ssh& ssh);
+// Writes the whole chunk, calling to again for what it did not take; checks
+// the termination flag first; Exc<&StreamWrite> on an error of to.
+void pump_write(IOWriteChannel& to, char* data, int length);
+
+}  // namespace velmo
+
+#endif
