@@ -131,6 +131,25 @@ const char usageText[] =
 
 }  // namespace
 
+// The kernel shows a process's environment as it was at start-up
+// (/proc/<pid>/environ reads that original block, whatever setenv and
+// unsetenv do later). Overwriting the bytes of a value there keeps it out
+// of that view.
+static void wipeValue(char* value) {
+    volatile char* p = value;
+    while (*p != '\0') *p++ = '\0';
+}
+
+void hide_sudo_password() {
+    char* value = std::getenv(SUDO_PASSWORD_VARIABLE);
+    if (value == nullptr || *value == '\0') return;
+    // setenv stores a copy of its own, so the variable keeps its value
+    // for this process while the start-up block forgets it.
+    const std::string copy(value);
+    if (setenv(SUDO_PASSWORD_VARIABLE, copy.c_str(), 1) == 0) wipeValue(value);
+    velmo::addSecret(copy);
+}
+
 bool is_sudo_password_provided() { return std::getenv(SUDO_PASSWORD_VARIABLE) != nullptr; }
 
 std::string get_sudo_password() {
@@ -140,10 +159,11 @@ std::string get_sudo_password() {
 
 const char* get_env_noncrypted_password() {
     if (thePasswordBuffer[0] != '\0') return thePasswordBuffer;
-    if (const char* value = std::getenv(LOGIN_PASSWORD_VARIABLE)) {
+    if (char* value = std::getenv(LOGIN_PASSWORD_VARIABLE)) {
         std::strncpy(thePasswordBuffer, value, sizeof thePasswordBuffer - 1);
         thePasswordBuffer[sizeof thePasswordBuffer - 1] = '\0';
         velmo::addSecret(thePasswordBuffer);
+        wipeValue(value);
     }
     unsetenv(LOGIN_PASSWORD_VARIABLE);
     return thePasswordBuffer;

@@ -74,6 +74,9 @@ void verify_options(config* cfg);
 // Writes the usage text to standard output.
 void usage();
 
+// Keeps KVA_SUDO_PASSWORD in the environment but wipes its value from the
+// block the process started with, which others can read from /proc.
+void hide_sudo_password();
 // Whether KVA_SUDO_PASSWORD exists (an empty value counts).
 bool is_sudo_password_provided();
 // The value of KVA_SUDO_PASSWORD.

@@ -125,6 +125,7 @@ int do_actions(config& cfg) {
 }
 
 int real_main(int argc, char** argv) {
+    hide_sudo_password();
     autoprepend();
     std::srand(static_cast<unsigned>(std::time(nullptr)));
 
