@@ -4,6 +4,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <netdb.h>
+#include <sys/socket.h>
+
 #include <log4cpp/Category.hh>
 
 #include "commons/commons.h"
@@ -55,8 +58,24 @@ int Channel::poll(int timeout) {
     return static_cast<int>(entry.revents);
 }
 
-Session::Session(int socket, bool disableEncryption, bool compatibilityMode)
+// The numeric address of the peer of a connected socket, for messages.
+static std::string peerAddress(int socket) {
+    sockaddr_storage address;
+    socklen_t length = sizeof address;
+    char host[NI_MAXHOST];
+    if (::getpeername(socket, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
+        ::getnameinfo(reinterpret_cast<sockaddr*>(&address), length, host, sizeof host, nullptr, 0,
+                      NI_NUMERICHOST) != 0)
+        return "(unknown)";
+    return host;
+}
+
+Session::Session(int socket, bool disableEncryption, bool compatibilityMode, long loginTimeoutMs)
     : Handle(libssh2_session_init_ex(nullptr, nullptr, nullptr, nullptr)),
+      socket_(socket),
+      loginLimited_(loginTimeoutMs > 0),
+      loginTimeoutMs_(loginTimeoutMs),
+      loginDeadline_(std::chrono::steady_clock::now() + std::chrono::milliseconds(loginTimeoutMs)),
       compatibilityMode_(compatibilityMode) {
     LIBSSH2_SESSION* session = get();
     sessionLogger.debugStream() << "Trying to start SSH session";
@@ -70,12 +89,15 @@ Session::Session(int socket, bool disableEncryption, bool compatibilityMode)
     if (compatibilityMode)
         (void)libssh2_session_method_pref(session, LIBSSH2_METHOD_KEX, "diffie-hellman-group1-sha1");
 
+    armLoginTimeout("handshake");
     int rc;
     {
         AlarmSignalBlock quiet;
         rc = libssh2_session_handshake(session, socket);
     }
     if (rc != 0) {
+        // A peer that says nothing is not one to retry in another mode.
+        checkLoginTimeout("handshake");
         const std::string reason = lastError();
         sessionLogger.errorStream() << "SSH session was not started: " << reason;
         // The base class frees the library session on the way out.
@@ -91,6 +113,35 @@ Session::~Session() {
     reserveChannel_.reset();
 }
 
+void Session::armLoginTimeout(const char* step) {
+    if (!loginLimited_)
+        return;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        loginDeadline_ - std::chrono::steady_clock::now()).count();
+    if (left <= 0)
+        loginTimedOut(step);
+    // Every blocking call of the library waits at most this long for the peer.
+    libssh2_session_set_timeout(get(), static_cast<long>(left));
+}
+
+void Session::checkLoginTimeout(const char* step) {
+    if (loginLimited_ && libssh2_session_last_errno(get()) == LIBSSH2_ERROR_TIMEOUT)
+        loginTimedOut(step);
+}
+
+void Session::loginTimedOut(const char* step) {
+    sessionLogger.errorStream() << "SSH " << step << " timed out: the remote host did not answer within "
+                                << loginTimeoutMs_ << " ms of the start of the login";
+    throw VELMO_EXC(ConnectionTimedOut) % peerAddress(socket_);
+}
+
+void Session::endLoginTimeout() {
+    if (!loginLimited_)
+        return;
+    loginLimited_ = false;
+    libssh2_session_set_timeout(get(), 0);
+}
+
 std::string Session::lastError() const {
     char* text = nullptr;
     libssh2_session_last_error(get(), &text, nullptr, 0);
@@ -104,6 +155,8 @@ void Session::getAuthMethodsList(const std::string& login, std::vector<std::stri
         AlarmSignalBlock quiet;
         raw = libssh2_userauth_list(get(), login.c_str(), static_cast<unsigned>(login.size()));
     }
+    if (raw == nullptr)
+        checkLoginTimeout("authentication");
     // The library owns this string and frees it with the session: copy it,
     // never release it here.
     if (raw == nullptr)
@@ -127,6 +180,7 @@ void Session::getAuthMethodsList(const std::string& login, std::vector<std::stri
 void Session::authorize(const std::string& login, const std::string& password) {
     sessionLogger.debugStream() << "Requested authorization for user " << login;
     std::vector<std::string> methods;
+    armLoginTimeout("authentication");
     getAuthMethodsList(login, methods);
     const auto offered = [&methods](const char* name) {
         return std::find(methods.begin(), methods.end(), name) != methods.end();
@@ -135,6 +189,7 @@ void Session::authorize(const std::string& login, const std::string& password) {
     bool authenticated = false;
     if (offered("password")) {
         sessionLogger.debugStream() << "Trying 'password' authentication";
+        armLoginTimeout("authentication");
         int rc;
         {
             AlarmSignalBlock quiet;
@@ -142,6 +197,9 @@ void Session::authorize(const std::string& login, const std::string& password) {
                                               password.c_str(), static_cast<unsigned>(password.size()),
                                               nullptr);
         }
+        // A peer that stopped answering gets no second method.
+        if (rc == LIBSSH2_ERROR_TIMEOUT)
+            checkLoginTimeout("authentication");
         if (rc == 0) {
             sessionLogger.debugStream() << "Authenticated succesfully";
             authenticated = true;
@@ -151,6 +209,7 @@ void Session::authorize(const std::string& login, const std::string& password) {
         sessionLogger.debugStream() << "Trying 'keyboard-interactive' authentication";
         void** slot = libssh2_session_abstract(get());
         *slot = const_cast<std::string*>(&password);
+        armLoginTimeout("authentication");
         int rc;
         {
             AlarmSignalBlock quiet;
@@ -159,6 +218,8 @@ void Session::authorize(const std::string& login, const std::string& password) {
                                                           &Session::userauth_callback);
         }
         *slot = nullptr;
+        if (rc == LIBSSH2_ERROR_TIMEOUT)
+            checkLoginTimeout("authentication");
         if (rc == 0) {
             sessionLogger.debugStream() << "Authenticated successfully";
             authenticated = true;
@@ -168,8 +229,11 @@ void Session::authorize(const std::string& login, const std::string& password) {
         sessionLogger.errorStream() << "Authentication failed";
         throw VELMO_EXC(SshAuthorizationFailed);
     }
-    if (compatibilityMode_)
+    if (compatibilityMode_) {
+        armLoginTimeout("authentication");
         create_reserve_channel();
+    }
+    endLoginTimeout();
 }
 
 void Session::userauth_callback(const char* /*name*/, int /*name_len*/, const char* /*instruction*/,
@@ -191,8 +255,15 @@ void Session::userauth_callback(const char* /*name*/, int /*name_len*/, const ch
 }
 
 LIBSSH2_CHANNEL* Session::openSessionChannel() {
-    AlarmSignalBlock quiet;
-    return libssh2_channel_open_ex(get(), "session", 7, kWindowSize, kPacketSize, nullptr, 0);
+    LIBSSH2_CHANNEL* channel;
+    {
+        AlarmSignalBlock quiet;
+        channel = libssh2_channel_open_ex(get(), "session", 7, kWindowSize, kPacketSize, nullptr, 0);
+    }
+    // Only the reserve channel is opened while the login time runs.
+    if (channel == nullptr)
+        checkLoginTimeout("authentication");
+    return channel;
 }
 
 std::unique_ptr<Channel> Session::openExecChannel(const std::string& command, Channel::Mode mode) {

@@ -3,6 +3,7 @@
 #ifndef VANTREL_COMMONS_LIBSSH2PP_H
 #define VANTREL_COMMONS_LIBSSH2PP_H
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -43,7 +44,13 @@ public:
     // compatibilityMode restricts the key exchange to
     // diffie-hellman-group1-sha1 and opens a reserve channel after
     // authentication. Throws Exc<&UnableToStartSshSession>.
-    Session(int socket, bool disableEncryption, bool compatibilityMode);
+    //
+    // loginTimeoutMs > 0 bounds the handshake and the authentication that
+    // follows together: a peer that stops answering before authorize() is
+    // through gives Exc<&ConnectionTimedOut> (naming the peer by its
+    // address) instead of a wait without end. The bound is lifted once
+    // authorize() succeeds, so remote commands may take as long as they take.
+    Session(int socket, bool disableEncryption, bool compatibilityMode, long loginTimeoutMs = 0);
     ~Session() override;
 
     // The authentication methods the server allows for login, split at ",".
@@ -76,6 +83,19 @@ public:
 private:
     LIBSSH2_CHANNEL* openSessionChannel();
 
+    // Gives the library what is left of the login time for its next call,
+    // or throws Exc<&ConnectionTimedOut> when nothing is left.
+    void armLoginTimeout(const char* step);
+    // Throws Exc<&ConnectionTimedOut> when the library's last error of the
+    // session is its time-out.
+    void checkLoginTimeout(const char* step);
+    [[noreturn]] void loginTimedOut(const char* step);
+    void endLoginTimeout();
+
+    int socket_;
+    bool loginLimited_;
+    long loginTimeoutMs_;
+    std::chrono::steady_clock::time_point loginDeadline_;
     bool compatibilityMode_;
     std::unique_ptr<Channel> reserveChannel_;
 };

@@ -1,6 +1,8 @@
 #include "commons/ssh-transfer.h"
 
 #include <cerrno>
+#include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <vector>
@@ -25,6 +27,11 @@ static log4cpp::Category& logger = log4cpp::Category::getInstance("p.Ssh");
 static const unsigned kChunkSize = 65536;
 // Longest wait of the execution loop for output before it passes again.
 static const int kPollTimeoutMs = 5000;
+// Longest time the SSH handshake and the authentication may take together,
+// in seconds, unless $VANTREL_SSH_LOGIN_TIMEOUT says otherwise. Once logged
+// in, nothing bounds a remote command: an agent may work for hours.
+static const long kDefaultLoginTimeoutSec = 30;
+static const long kMaxLoginTimeoutSec = 24 * 3600;
 
 Alarm::~Alarm() {}
 IOReadChannel::~IOReadChannel() {}
@@ -124,23 +131,52 @@ void pump_with_log(IOReadChannel& from, IOWriteChannel& to, Ssh& /*ssh*/) {
     pumpChunks(from, to, true);
 }
 
+// The login time-out in seconds: a whole number from 1 to a day in
+// $VANTREL_SSH_LOGIN_TIMEOUT, or the default.
+static long loginTimeoutSec() {
+    const char* text = std::getenv("VANTREL_SSH_LOGIN_TIMEOUT");
+    if (text == nullptr || *text == '\0')
+        return kDefaultLoginTimeoutSec;
+    char* end = nullptr;
+    errno = 0;
+    const long value = std::strtol(text, &end, 10);
+    if (errno != 0 || *end != '\0' || value < 1 || value > kMaxLoginTimeoutSec) {
+        logger.debugStream() << "Ignoring VANTREL_SSH_LOGIN_TIMEOUT='" << text << "': not a number of seconds from 1 to "
+                             << kMaxLoginTimeoutSec;
+        return kDefaultLoginTimeoutSec;
+    }
+    return value;
+}
+
 Ssh::Ssh(const std::string& host, const std::string& login, const std::string& password,
          bool disableEncryption, unsigned short port)
     : alarm_(nullptr) {
     addSecret(password);
+    const long limitMs = loginTimeoutSec() * 1000;
+    const auto start = std::chrono::steady_clock::now();
+    logger.debugStream() << "SSH handshake and authentication may take up to " << limitMs / 1000 << " s";
     socket_.reset(new Socket(host, port));
     try {
-        session_.reset(new libssh2pp::Session(socket_->fd(), disableEncryption, false));
-    } catch (const Exc<&UnableToStartSshSession>&) {
-        socket_.reset();
-        logger.debugStream() << "Attempt to start SSH session in a 'compatibility' mode";
-        socket_.reset(new Socket(host, port));
-        session_.reset(new libssh2pp::Session(socket_->fd(), disableEncryption, true));
-    }
-    try {
+        try {
+            session_.reset(new libssh2pp::Session(socket_->fd(), disableEncryption, false, limitMs));
+        } catch (const Exc<&UnableToStartSshSession>&) {
+            socket_.reset();
+            logger.debugStream() << "Attempt to start SSH session in a 'compatibility' mode";
+            socket_.reset(new Socket(host, port));
+            // The second attempt gets what the first one left of the time.
+            const long spentMs = static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                std::chrono::steady_clock::now() - start).count());
+            if (spentMs >= limitMs)
+                throw VELMO_EXC(ConnectionTimedOut) % host;
+            session_.reset(new libssh2pp::Session(socket_->fd(), disableEncryption, true, limitMs - spentMs));
+        }
         session_->authorize(login, password);
     } catch (const Exc<&SshAuthorizationFailed>&) {
         throw VELMO_EXC(SshInvalidCredentials) % host;
+    } catch (const Exc<&ConnectionTimedOut>&) {
+        // The session knows the peer by its address only; name it as the
+        // caller did.
+        throw VELMO_EXC(ConnectionTimedOut) % host;
     }
 }
 
