@@ -1,0 +1,92 @@
+// bench-ssh-get: one Ssh::get of a remote file into a local file, the way the
+// content download runs, for timing against OpenSSH's own client.
+//
+//   bench-ssh-get --host H --port P --login L REMOTE LOCAL
+//   bench-ssh-get --host H --port P --login L --methods
+//
+// The password comes from KVA_PASSWORD. The first form prints
+// "bytes <n> status <s>"; the second prints the cipher and the MAC that the
+// library negotiated, "cipher <name> mac <name>", so that the other client
+// can be told to use the same ones.
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <sstream>
+#include <string>
+
+#include <libssh2.h>
+
+#include "commons/exceptions.h"
+#include "commons/ssh-transfer.h"
+
+namespace {
+
+class ByteCounter : public velmo::Ssh::Counter {
+public:
+    void operator()(int bytes) override { total += bytes; }
+    std::int64_t total = 0;
+};
+
+int usage() {
+    std::cerr << "usage: bench-ssh-get --host H --port P --login L (REMOTE LOCAL | --methods)\n";
+    return 2;
+}
+
+const char* method(LIBSSH2_SESSION* session, int type) {
+    const char* name = libssh2_session_methods(session, type);
+    return name ? name : "?";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string host, login, remote, local;
+    unsigned short port = 22;
+    bool methods = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--methods") {
+            methods = true;
+        } else if ((arg == "--host" || arg == "--port" || arg == "--login") && i + 1 < argc) {
+            const std::string value = argv[++i];
+            if (arg == "--host")
+                host = value;
+            else if (arg == "--login")
+                login = value;
+            else
+                port = static_cast<unsigned short>(std::atoi(value.c_str()));
+        } else if (remote.empty()) {
+            remote = arg;
+        } else if (local.empty()) {
+            local = arg;
+        } else {
+            return usage();
+        }
+    }
+    const char* password = std::getenv("KVA_PASSWORD");
+    if (host.empty() || login.empty() || password == nullptr || (!methods && local.empty()))
+        return usage();
+
+    try {
+        velmo::Ssh ssh(host, login, password, false, port);
+        if (methods) {
+            LIBSSH2_SESSION* session = ssh.session().get();
+            std::cout << "cipher " << method(session, LIBSSH2_METHOD_CRYPT_SC) << " mac "
+                      << method(session, LIBSSH2_METHOD_MAC_SC) << std::endl;
+            return 0;
+        }
+        std::ostringstream err;
+        ByteCounter counter;
+        const int status = ssh.get(local, err, remote, counter);
+        std::cout << "bytes " << counter.total << " status " << status << std::endl;
+        if (status != 0)
+            std::cerr << err.str();
+        return status == 0 ? 0 : 1;
+    } catch (const velmo::ExTraceable& e) {
+        std::cerr << "bench-ssh-get: " << e.what() << std::endl;
+    } catch (const std::exception& e) {
+        std::cerr << "bench-ssh-get: " << e.what() << std::endl;
+    }
+    return 1;
+}
