@@ -24,6 +24,7 @@ import contextlib
 import os
 import pwd
 import random
+import re
 import shutil
 import statistics
 import subprocess
@@ -110,6 +111,11 @@ def _install_product():
     _quiet(["cmake", "--install", BUILD, "--prefix", ROOT])
     with open(KVA_CONF, "w") as f:
         f.write("PRODUCT_ROOT_D %s\n" % ROOT)
+    # The session start-up lines name the negotiated cipher ("Selected ...
+    # encryption method"): the content benchmark checks them against the one
+    # it gives OpenSSH's client.
+    with open(os.path.join(QMV, "log4cpp.properties"), "a") as f:
+        f.write("\n# bench: the SSH session start-up at DEBUG\nlog4cpp.category.p.libssh2pp.Session=DEBUG\n")
     # A trivial scout: the start-up benchmark measures the run, not the probe.
     with open(os.path.join(QMV, "scout.pl"), "w") as f:
         f.write('print "<scout/>\\n";\n')
@@ -386,6 +392,16 @@ def median(values):
 
 def rate(nbytes, seconds):
     return nbytes / MiB / seconds if seconds > 0 else float("inf")
+
+
+def session_cipher(session):
+    """The cipher that a vantrel run reports in its session log."""
+    with open(os.path.join(session, "migration.log"), errors="replace") as f:
+        for line in f:
+            m = re.search(r"Selected (\S+) encryption method", line)
+            if m:
+                return m.group(1)
+    return None
 
 
 def check_same(path_a, path_b, what):
