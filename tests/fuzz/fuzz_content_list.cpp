@@ -1,6 +1,6 @@
 // The agent's content list, as a hostile source host could print it: parsing
-// ends in a tagged error or in records, and every name that the content
-// retrieval accepts stays inside the content directory.
+// ends in a tagged error or in records of bounded size, and every name that
+// the content retrieval accepts stays inside the content directory.
 #include <string>
 
 #include <boost/lexical_cast.hpp>
@@ -57,6 +57,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
 
     for (const velmo::DumpFile& record : list->getFileList()) {
+        // Entity references must not turn a short list into huge names.
+        FUZZ_CHECK(record.name.size() <= 4096, "a listed name is no longer than a local path can be");
         bool accepted = true;
         try {
             velmo::checkContentFileName(record.name);
