@@ -5,6 +5,8 @@
 #include <iostream>
 #include <stdexcept>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -84,6 +86,12 @@ Socket::Socket(const std::string& host, unsigned short port) : fd_(-1), addresse
             throw VELMO_EXC(ConnectionFault) % host % reason;
         }
     }
+    // Every remote command is a few small packets (channel open, exec,
+    // close) that wait on one another; held back for the peer's delayed
+    // acknowledgement, each would cost some 40 ms.
+    const int one = 1;
+    if (::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) != 0)
+        logger.debugStream() << "TCP_NODELAY not set: " << std::strerror(errno);
     logger.debugStream() << "Connected";
 }
 
