@@ -1,9 +1,13 @@
 #include "commons/xml_parse.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <map>
+#include <string>
 #include <vector>
 
+#include <libxml/entities.h>
 #include <libxml/parser.h>
 #include <libxml/xmlerror.h>
 #include <libxml/xmlmemory.h>
@@ -53,6 +57,74 @@ void freeDoc(xmlDoc* doc) {
     if (doc != nullptr) xmlFreeDoc(doc);
 }
 
+// Replacement text that the entity references of one document may stand for
+// in all. Far above what any document of this tool holds, far below what a
+// few kilobytes of repeated or nested references make the library build when
+// node texts are read (and it builds them with a cost that grows with the
+// square of the result).
+const size_t MAX_ENTITY_EXPANSION = 1 << 20;
+
+// Adds up, without expanding anything, the replacement text of every entity
+// reference in a document's elements and attributes. Each entity is measured
+// once; sums stop growing at the limit.
+class EntityExpansion {
+public:
+    explicit EntityExpansion(xmlDoc* doc) : doc_(doc), total_(0) {}
+
+    bool withinLimit() {
+        total_ = 0;
+        references(doc_->children);
+        return total_ <= MAX_ENTITY_EXPANSION;
+    }
+
+private:
+    static size_t add(size_t a, size_t b) {
+        return b > MAX_ENTITY_EXPANSION - std::min(a, MAX_ENTITY_EXPANSION) ? MAX_ENTITY_EXPANSION + 1 : a + b;
+    }
+
+    void references(const xmlNode* list) {
+        for (const xmlNode* node = list; node != nullptr && total_ <= MAX_ENTITY_EXPANSION; node = node->next) {
+            if (node->type == XML_ENTITY_REF_NODE) {
+                total_ = add(total_, replacement(node));
+            } else if (node->type == XML_ELEMENT_NODE) {
+                for (const xmlAttr* attr = node->properties; attr != nullptr; attr = attr->next)
+                    references(attr->children);
+                references(node->children);
+            }
+        }
+    }
+
+    // A reference's children lead to its entity declaration, not to copies.
+    size_t replacement(const xmlNode* reference) {
+        const xmlEntity* entity = xmlGetDocEntity(doc_, reference->name);
+        if (entity == nullptr) return 0;
+        std::map<const xmlEntity*, size_t>::const_iterator known = lengths_.find(entity);
+        if (known != lengths_.end()) return known->second;
+        lengths_[entity] = MAX_ENTITY_EXPANSION + 1;  // a loop counts as too much
+        return lengths_[entity] = text(entity->children);
+    }
+
+    size_t text(const xmlNode* list) {
+        size_t length = 0;
+        for (const xmlNode* node = list; node != nullptr && length <= MAX_ENTITY_EXPANSION; node = node->next) {
+            if (node->type == XML_TEXT_NODE || node->type == XML_CDATA_SECTION_NODE) {
+                if (node->content != nullptr) length = add(length, static_cast<size_t>(xmlStrlen(node->content)));
+            } else if (node->type == XML_ENTITY_REF_NODE) {
+                length = add(length, replacement(node));
+            } else if (node->type == XML_ELEMENT_NODE) {
+                for (const xmlAttr* attr = node->properties; attr != nullptr; attr = attr->next)
+                    length = add(length, text(attr->children));
+                length = add(length, text(node->children));
+            }
+        }
+        return length;
+    }
+
+    xmlDoc* doc_;
+    size_t total_;
+    std::map<const xmlEntity*, size_t> lengths_;
+};
+
 }  // namespace
 
 tXmlDocument::tXmlDocument() { createNewDoc(); }
@@ -74,6 +146,11 @@ void tXmlDocument::createNewDoc() {
 void tXmlDocument::parsed(xmlDoc* doc, const std::string& name, const tXmlParseErrors& errors) {
     adopt(doc);
     if (doc == nullptr) throw VELMO_EXC(tError_ParseFile) % name % errors.text();
+    if (doc->intSubset != nullptr && !EntityExpansion(doc).withinLimit()) {
+        adopt(nullptr);
+        throw VELMO_EXC(tError_ParseFile) % name %
+            ("Entity references expand to more than " + std::to_string(MAX_ENTITY_EXPANSION) + " bytes\n");
+    }
 }
 
 int tXmlDocument::readFromFile(const char* filename) {
