@@ -56,6 +56,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
 
+    size_t names = 0;
+    for (const velmo::DumpFile& record : list->getFileList()) names += record.name.size();
+    FUZZ_CHECK(names <= size + (1u << 20), "entity references add at most 1 MiB of text");
+
     for (const velmo::DumpFile& record : list->getFileList()) {
         // Entity references must not turn a short list into huge names.
         FUZZ_CHECK(record.name.size() <= 4096, "a listed name is no longer than a local path can be");

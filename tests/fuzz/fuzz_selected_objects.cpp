@@ -21,6 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     }
 
+    FUZZ_CHECK(standardInput.size() <= size + (1u << 20), "entity references add at most 1 MiB of text");
     FUZZ_CHECK(std::count(arguments.begin(), arguments.end(), "--include-app-distrib") == 1,
                "the distribution switch is passed once");
     FUZZ_CHECK(std::count(arguments.begin(), arguments.end(), "--only-mail") +
