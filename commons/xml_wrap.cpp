@@ -18,6 +18,56 @@ std::string str(const xmlChar* text) {
     return text ? std::string(reinterpret_cast<const char*>(text)) : std::string();
 }
 
+bool continuation(unsigned char c) { return (c & 0xC0) == 0x80; }
+
+// Length of the character that starts at text[at] when it is well-formed
+// UTF-8 (shortest form, no surrogate) of a character XML 1.0 allows; else 0.
+size_t xmlCharLength(const std::string& text, size_t at) {
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(text.data()) + at;
+    const size_t left = text.size() - at;
+    const unsigned char c = p[0];
+    if (c < 0x80) return c >= 0x20 || c == '\t' || c == '\n' || c == '\r' ? 1 : 0;
+    if (c >= 0xC2 && c <= 0xDF) return left >= 2 && continuation(p[1]) ? 2 : 0;
+    if (c >= 0xE0 && c <= 0xEF) {
+        if (left < 3 || !continuation(p[1]) || !continuation(p[2])) return 0;
+        if (c == 0xE0 && p[1] < 0xA0) return 0;  // overlong
+        if (c == 0xED && p[1] >= 0xA0) return 0;  // surrogate
+        if (c == 0xEF && p[1] == 0xBF && (p[2] == 0xBE || p[2] == 0xBF)) return 0;  // U+FFFE, U+FFFF
+        return 3;
+    }
+    if (c >= 0xF0 && c <= 0xF4) {
+        if (left < 4 || !continuation(p[1]) || !continuation(p[2]) || !continuation(p[3])) return 0;
+        if (c == 0xF0 && p[1] < 0x90) return 0;  // overlong
+        if (c == 0xF4 && p[1] >= 0x90) return 0;  // above U+10FFFF
+        return 4;
+    }
+    return 0;
+}
+
+// The text as an XML document can hold it. The library leaves out the whole
+// text of a node or attribute when it meets a byte that is not a character of
+// XML 1.0 in UTF-8 (a control byte, broken UTF-8, NUL): such a byte is written
+// as the four characters \xHH instead, so that a message naming a file with
+// odd bytes keeps its text.
+std::string xmlText(const std::string& text) {
+    static const char hex[] = "0123456789ABCDEF";
+    std::string out;
+    size_t at = 0;
+    while (at < text.size()) {
+        const size_t length = xmlCharLength(text, at);
+        if (length > 0) {
+            out.append(text, at, length);
+            at += length;
+        } else {
+            const unsigned char c = static_cast<unsigned char>(text[at++]);
+            out += "\\x";
+            out += hex[c >> 4];
+            out += hex[c & 0x0F];
+        }
+    }
+    return out;
+}
+
 }  // namespace
 
 XmlNode XmlNode::getParent() const {
@@ -50,13 +100,13 @@ xmlNode* tXmlQmvDocument::newChild(xmlNode* parent, const std::string& name) {
 }
 
 xmlNode* tXmlQmvDocument::newTextChild(xmlNode* parent, const std::string& name, const std::string& text) {
-    xmlNode* node = xmlNewTextChild(parent, nullptr, xc(name), xc(text));
+    xmlNode* node = xmlNewTextChild(parent, nullptr, xc(name), xc(xmlText(text)));
     if (node == nullptr) throw VELMO_EXC(tError_XmlInternal) % "#0002: Can not create new node";
     return node;
 }
 
 void tXmlQmvDocument::addAttribute(xmlNode* node, const std::string& name, const std::string& value) {
-    xmlSetProp(node, xc(name), xc(value));
+    xmlSetProp(node, xc(name), xc(xmlText(value)));
 }
 
 std::string tXmlQmvDocument::getAttribute(xmlNode* node, const std::string& name) const {

@@ -36,7 +36,9 @@ public:
     xmlNode* getRoot() const { return root_; }
 
     xmlNode* newChild(xmlNode* parent, const std::string& name);
-    // Appends an element holding text (escaped on output).
+    // Appends an element holding text (escaped on output). Here and in
+    // addAttribute, a byte that is not part of an XML 1.0 character in UTF-8
+    // (control bytes, broken UTF-8) is stored as the four characters \xHH.
     xmlNode* newTextChild(xmlNode* parent, const std::string& name, const std::string& text);
     // Creates or replaces an attribute.
     void addAttribute(xmlNode* node, const std::string& name, const std::string& value);
