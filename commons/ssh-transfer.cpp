@@ -278,13 +278,13 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
             AlarmSignalBlock quiet;
             // The library's test for standard error also answers for queued
             // standard output, and a blocking read of standard error would
-            // then wait for it while the output piles up. Reading without
-            // blocking takes standard error only when there is some.
-            if (libssh2_poll_channel_read(raw, 1)) {
-                libssh2_channel_set_blocking(raw, libssh2pp::Channel::NonBlocking);
+            // then wait for it while the output piles up. So standard error
+            // is read only once no standard output is queued: what the test
+            // sees then is standard error. (A read without blocking is no way
+            // out: the window adjustment that every read sends first may then
+            // be left half-sent, and the peer stops sending for good.)
+            if (!libssh2_poll_channel_read(raw, 0) && libssh2_poll_channel_read(raw, 1))
                 n = libssh2_channel_read_ex(raw, 1, buffer.data(), kChunkSize);
-                libssh2_channel_set_blocking(raw, libssh2pp::Channel::Blocking);
-            }
         }
         if (isSocketError(n))
             throw VELMO_EXC(SshConnectionFault);
