@@ -234,35 +234,32 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
     IOStreamWriteChannel errChannel(err);
     std::vector<char> buffer(kChunkSize);
     bool closedWithoutEof = false;
+    // Reads one chunk of a stream without waiting. Every read also makes the
+    // library decode what it has already taken off the socket: a packet it
+    // holds undecoded (the end of file, the close) leaves the socket quiet,
+    // so waiting on the socket alone would never see it.
+    const auto readNow = [&](int stream) -> ssize_t {
+        AlarmSignalBlock quiet;
+        libssh2_channel_set_blocking(raw, libssh2pp::Channel::NonBlocking);
+        const ssize_t got = libssh2_channel_read_ex(raw, stream, buffer.data(), kChunkSize);
+        libssh2_channel_set_blocking(raw, libssh2pp::Channel::Blocking);
+        return got == LIBSSH2_ERROR_EAGAIN ? 0 : got;
+    };
     for (;;) {
-        bool atEnd;
-        bool queued;
         {
             AlarmSignalBlock quiet;
-            atEnd = libssh2_channel_eof(raw) != 0;
-            queued = libssh2_poll_channel_read(raw, 1) != 0;
+            if (libssh2_channel_eof(raw) != 0)
+                break;
         }
-        if (atEnd)
-            break;
 
         if (Alarm* alarm = alarm_.load())
             alarm->doAlarm();
 
-        if (!queued && connectionLost())
-            throw VELMO_EXC(SshConnectionFault);
-        const int events = channel->poll(kPollTimeoutMs);
-
         bool readSomething = false;
-        ssize_t n = 0;
-        {
-            AlarmSignalBlock quiet;
-            if (libssh2_poll_channel_read(raw, 0))
-                n = libssh2_channel_read_ex(raw, 0, buffer.data(), kChunkSize);
-        }
-        // A negative count is an error of the library: nothing to log, count
-        // or write. Once the socket has failed, though, every later read
-        // fails the same way before handing out what is still queued, so
-        // the loop would spin on it forever.
+        ssize_t n = readNow(0);
+        // Any other negative count is an error of the library: nothing to
+        // log, count or write. Once the socket has failed, though, every
+        // later read fails the same way, so the loop would spin on it.
         if (isSocketError(n))
             throw VELMO_EXC(SshConnectionFault);
         if (n > 0) {
@@ -272,20 +269,7 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
             counter(static_cast<int>(n));
             pump_write(outChannel, buffer.data(), static_cast<int>(n));
         }
-
-        n = 0;
-        {
-            AlarmSignalBlock quiet;
-            // The library's test for standard error also answers for queued
-            // standard output, and a blocking read of standard error would
-            // then wait for it while the output piles up. So standard error
-            // is read only once no standard output is queued: what the test
-            // sees then is standard error. (A read without blocking is no way
-            // out: the window adjustment that every read sends first may then
-            // be left half-sent, and the peer stops sending for good.)
-            if (!libssh2_poll_channel_read(raw, 0) && libssh2_poll_channel_read(raw, 1))
-                n = libssh2_channel_read_ex(raw, 1, buffer.data(), kChunkSize);
-        }
+        n = readNow(1);
         if (isSocketError(n))
             throw VELMO_EXC(SshConnectionFault);
         if (n > 0) {
@@ -294,12 +278,33 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
                 logChunk("remote stderr -> ", buffer.data(), static_cast<int>(n));
             pump_write(errChannel, buffer.data(), static_cast<int>(n));
         }
+        if (readSomething)
+            continue;
 
+        bool atEnd;
+        bool queued;
+        {
+            AlarmSignalBlock quiet;
+            atEnd = libssh2_channel_eof(raw) != 0;
+            queued = libssh2_poll_channel_read(raw, 1) != 0;
+        }
+        if (atEnd)
+            break;
+        if (queued) {
+            // Queued data that no read would take (a window adjustment the
+            // socket did not accept yet, say): give it a moment rather than
+            // spin.
+            ::usleep(10000);
+            continue;
+        }
+        if (connectionLost())
+            throw VELMO_EXC(SshConnectionFault);
+        const int events = channel->poll(kPollTimeoutMs);
         // A channel closed by the peer without an end of file would otherwise
         // keep the loop spinning.
-        if (!readSomething && (events & LIBSSH2_POLLFD_CHANNEL_CLOSED)) {
+        if (events & LIBSSH2_POLLFD_CHANNEL_CLOSED) {
             AlarmSignalBlock quiet;
-            if (!libssh2_poll_channel_read(raw, 1)) {
+            if (!libssh2_poll_channel_read(raw, 1) && libssh2_channel_eof(raw) == 0) {
                 closedWithoutEof = true;
                 break;
             }
