@@ -314,11 +314,18 @@ FileRetrievalProgressUpdater::FileRetrievalProgressUpdater(MigrationStatus& stat
     : status_(status), start_(std::time(nullptr)), transferred_(0), sizeLeft_(totalSize), filesLeft_(files),
       currentFileLeft_(0) {}
 
+// value - amount, wrapping around instead of overflowing.
+static int64_t minus(int64_t value, int64_t amount) {
+    return static_cast<int64_t>(static_cast<uint64_t>(value) - static_cast<uint64_t>(amount));
+}
+
 void FileRetrievalProgressUpdater::operator()(int bytes) {
     if (bytes <= 0) return;
-    sizeLeft_ -= bytes;
-    currentFileLeft_ -= bytes;
-    transferred_ += bytes;
+    // The sizes come from the agent's list: a hostile one may put them next
+    // to the ends of the range, where signed arithmetic would overflow.
+    sizeLeft_ = minus(sizeLeft_, bytes);
+    currentFileLeft_ = minus(currentFileLeft_, bytes);
+    transferred_ = minus(transferred_, -static_cast<int64_t>(bytes));
     std::time_t now = std::time(nullptr);
     int64_t speed = now != start_ ? transferred_ / static_cast<int64_t>(now - start_) : 0;
     status_.setTransferSpeed(decimal(speed));
