@@ -120,29 +120,15 @@ bool logged(const std::string& line) {
 }  // namespace
 
 TEST(AgentSpec, ValuesAndWhitespace) {
-    Agent::ParseResult v = parseText(
-        "Description: Test agent\n\nEntryPoint:dump.run\nInterpreter:   /usr/bin/env x\n");
-    EXPECT_EQ("Test agent", v[0]);
-    EXPECT_EQ("dump.run", v[1]);
-    EXPECT_EQ("", v[2]);
-    EXPECT_EQ("", v[3]);
-    EXPECT_EQ("/usr/bin/env x", v[4]);
-
     // Colons in the value, trailing blanks kept, all leading white space
-    // dropped, last definition wins, no final line feed.
-    v = parseText(
-        "Description: x:y\nEntryPoint: a\nDocumentType:\t\v\f doc.dtd \nEntryPoint: b\nStylesheet: s.xsl");
-    EXPECT_EQ("x:y", v[0]);
-    EXPECT_EQ("b", v[1]);
-    EXPECT_EQ("doc.dtd ", v[2]);
-    EXPECT_EQ("s.xsl", v[3]);
-    EXPECT_EQ("", v[4]);
+    // dropped, empty lines skipped, last definition wins, no final line feed.
+    Agent::ParseResult v = parseText(
+        "Description: x:y\n\nEntryPoint: a\nDocumentType:\t\v\f doc.dtd \nEntryPoint:b\nStylesheet: s.xsl");
+    EXPECT_EQ(Agent::ParseResult({"x:y", "b", "doc.dtd ", "s.xsl", ""}), v);
 
+    // Carriage returns stay in values; after the colon they are leading space.
     v = parseText("Description: d\r\nEntryPoint: e.pl\r\nInterpreter:\r\n");
-    EXPECT_EQ("d\r", v[0]);
-    EXPECT_EQ("e.pl\r", v[1]);
-    // Only white space after the colon: the carriage return is leading space too.
-    EXPECT_EQ("", v[4]);
+    EXPECT_EQ(Agent::ParseResult({"d\r", "e.pl\r", "", "", ""}), v);
 
     // An empty file and a file that is not there give empty values.
     EXPECT_EQ(Agent::ParseResult(), parseText(""));
@@ -151,25 +137,21 @@ TEST(AgentSpec, ValuesAndWhitespace) {
 
 TEST(AgentSpec, MalformedLines) {
     std::string spath;
-    const std::string blankLine = parseFailure("Description: a\n \nEntryPoint: b\n", &spath);
-    EXPECT_EQ("Unable to parse spec file: " + spath + ":2: Expected '<token>: <value>', got ' '", blankLine);
-    // The line count includes skipped empty lines.
-    EXPECT_EQ("Unable to parse spec file: " + spath + ":3: Expected '<token>: <value>', got 'EntryPoint'",
-              parseFailure("Description: a\n\nEntryPoint\n"));
-    // A line of a lone carriage return is not empty.
-    EXPECT_EQ("Unable to parse spec file: " + spath + ":2: Expected '<token>: <value>', got '\r'",
-              parseFailure("Description: a\r\n\r\n"));
-    EXPECT_EQ("Unable to parse spec file: " + spath + ":1: Expected '<token>: <value>', got '# 100% sure'",
-              parseFailure("# 100% sure\n"));
-
-    EXPECT_EQ("Unable to parse spec file: Illegal parameter found in " + spath + ": entrypoint",
-              parseFailure("entrypoint: a.pl\n"));
-    EXPECT_EQ("Unable to parse spec file: Illegal parameter found in " + spath + ": EntryPoint ",
-              parseFailure("EntryPoint : a.pl\n"));
-    EXPECT_EQ("Unable to parse spec file: Illegal parameter found in " + spath + ":  Description",
-              parseFailure(" Description: a\n"));
-    EXPECT_EQ("Unable to parse spec file: Illegal parameter found in " + spath + ": # note",
-              parseFailure("EntryPoint: a.pl\n# note: later\n"));
+    parseFailure("", &spath);
+    const std::string badLine = "Unable to parse spec file: " + spath + ":";
+    const std::string illegal = "Unable to parse spec file: Illegal parameter found in " + spath + ": ";
+    const std::pair<std::string, std::string> cases[] = {
+        {"Description: a\n \nEntryPoint: b\n", badLine + "2: Expected '<token>: <value>', got ' '"},
+        // The line count includes skipped empty lines.
+        {"Description: a\n\nEntryPoint\n", badLine + "3: Expected '<token>: <value>', got 'EntryPoint'"},
+        // A line of a lone carriage return is not empty.
+        {"Description: a\r\n\r\n", badLine + "2: Expected '<token>: <value>', got '\r'"},
+        {"# 100% sure\n", badLine + "1: Expected '<token>: <value>', got '# 100% sure'"},
+        {"entrypoint: a.pl\n", illegal + "entrypoint"},
+        {"EntryPoint : a.pl\n", illegal + "EntryPoint "},
+        {" Description: a\n", illegal + " Description"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.second, parseFailure(c.first)) << ::testing::PrintToString(c.first);
 }
 
 TEST(AgentsFactory, MissingOrBrokenAgentsAreNotFound) {

