@@ -238,11 +238,22 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
     // library decode what it has already taken off the socket: a packet it
     // holds undecoded (the end of file, the close) leaves the socket quiet,
     // so waiting on the socket alone would never see it.
+    // When that read gives nothing although data of the stream is queued
+    // (the read's window adjustment did not go out at once), a blocking read
+    // takes it: with data queued it does not wait for the peer. The test for
+    // standard error also answers for queued standard output, so standard
+    // error is read that way only when no standard output is queued.
     const auto readNow = [&](int stream) -> ssize_t {
         AlarmSignalBlock quiet;
         libssh2_channel_set_blocking(raw, libssh2pp::Channel::NonBlocking);
-        const ssize_t got = libssh2_channel_read_ex(raw, stream, buffer.data(), kChunkSize);
+        ssize_t got = libssh2_channel_read_ex(raw, stream, buffer.data(), kChunkSize);
         libssh2_channel_set_blocking(raw, libssh2pp::Channel::Blocking);
+        if (got == LIBSSH2_ERROR_EAGAIN) {
+            const bool queued = stream == 0 ? libssh2_poll_channel_read(raw, 0) != 0
+                                            : !libssh2_poll_channel_read(raw, 0) &&
+                                                  libssh2_poll_channel_read(raw, 1);
+            got = queued ? libssh2_channel_read_ex(raw, stream, buffer.data(), kChunkSize) : 0;
+        }
         return got == LIBSSH2_ERROR_EAGAIN ? 0 : got;
     };
     for (;;) {
