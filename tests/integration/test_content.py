@@ -4,9 +4,7 @@ The last step of a content run writes "dump-name"; a test that needs the
 final migration status makes that file a named pipe, so that the run waits
 there, after its last status save, until the test reads the pipe.
 """
-import hashlib
 import os
-import pwd
 import re
 import subprocess
 import sys
@@ -15,25 +13,9 @@ import xml.etree.ElementTree as ET
 
 import harness
 from harness import HOST, PASSWORD, USER, IntegrationCase, md5_file, read_bytes
+from test_faults import Archive, FaultCase
 
 GIB = 1 << 30
-
-FIXED = r"""#!/usr/bin/perl
-use strict;
-use FindBin;
-if ("@ARGV" eq '--get-content-list') {
-    open my $fh, '<', "$FindBin::Bin/list.xml" or do { print STDERR "no content list: $!\n"; exit 1 };
-    print while <$fh>;
-    exit 0;
-}
-if ("@ARGV" eq '--get-status') {
-    print qq{<?xml version="1.0"?>\n<agentstatus><statusfile>dumping-status.xml</statusfile></agentstatus>\n};
-    exit 0;
-}
-print STDERR "fixed: unexpected arguments @ARGV\n";
-exit 2;
-"""
-
 
 class ContentCase(IntegrationCase):
 
@@ -167,35 +149,11 @@ class SampleContentTest(ContentCase):
         sys.stderr.write("\n1 GiB transfer: peak RSS of vantrel %s KiB\n" % run.peak_at_fifo)
 
 
-class Archive:
-    def __init__(self, name, data=None, md5=None, present=True):
-        self.name = name
-        self.data = data if data is not None else hashlib.sha256(name.encode()).digest() * 300
-        self.md5 = hashlib.md5(self.data).hexdigest() if md5 is None else md5
-        self.present = present
-
-
 class FixedListContentTest(ContentCase):
-    agent = "fixed"
-
-    @classmethod
-    def configure_product(cls, product):
-        product.add_agent("fixed", {"fixed.pl": FIXED})
-
-    def prepare(self, archives, sudo=True, total=None):
-        """A deployed agent directory holding the archives and their list."""
-        agent_dir = self.deploy_for_class("fixed", sudo=sudo)
-        body = ""
-        for a in archives:
-            if a.present:
-                harness.write_file(os.path.join(agent_dir, a.name), a.data, mode=0o644, owner=USER)
-            body += '  <file size="%d" md5sum="%s">%s</file>\n' % (len(a.data), a.md5, a.name)
-        if total is None:
-            total = sum(len(a.data) for a in archives)
-        harness.write_file(os.path.join(agent_dir, "list.xml"),
-                           '<?xml version="1.0"?>\n<contentlist size="%d" unpacked="%d">\n%s</contentlist>\n'
-                           % (total, total, body), mode=0o644)
-        return agent_dir
+    """Archives listed by the agent of the fault tests."""
+    agent = "listing"
+    configure_product = FaultCase.configure_product
+    prepare = FaultCase.prepare
 
     def test_present_archives_are_neither_fetched_nor_removed(self):
         archives = [Archive("a.bin"), Archive("b.bin"), Archive("c.bin"),
@@ -288,7 +246,7 @@ class FixedListContentTest(ContentCase):
 
     def test_remove_agent(self):
         def remove(agent_dir, **kw):
-            r = self.start("--remove-agent", agent_dir=agent_dir, agent="fixed", **kw).finish()
+            r = self.start("--remove-agent", agent_dir=agent_dir, agent=self.agent, **kw).finish()
             self.assertSuccess(r)
             self.assertFramed(r, 0)
             self.assertFalse(r.session.exists("migration.status"))
