@@ -10,12 +10,10 @@ import contextlib
 import hashlib
 import os
 import pwd
-import grp
 import random
 import re
 import select
 import shutil
-import stat
 import string
 import subprocess
 import sys
@@ -114,10 +112,6 @@ def tree(root):
 
 def random_name(n=8):
     return "".join(random.choice(string.ascii_lowercase + string.digits) for _ in range(n))
-
-
-def parse_xml(data):
-    return ET.fromstring(data)
 
 
 def free_port():

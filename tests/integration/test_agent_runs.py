@@ -2,7 +2,6 @@
 the sample agent."""
 import os
 import pwd
-import shutil
 import xml.etree.ElementTree as ET
 
 import harness

@@ -10,24 +10,9 @@ import time
 
 import harness
 from harness import PASSWORD, USER, IntegrationCase, md5_file
+from test_faults import LISTING_AGENT
 
 RUNS = 20
-
-# An agent that prints the content list kept beside it in list.xml.
-LISTING_AGENT = r"""#!/usr/bin/perl
-use strict;
-use FindBin;
-if ("@ARGV" eq '--get-content-list') {
-    open my $fh, '<', "$FindBin::Bin/list.xml" or do { print STDERR "no content list: $!\n"; exit 1 };
-    print while <$fh>;
-    exit 0;
-}
-if ("@ARGV" eq '--get-status') {
-    print qq{<?xml version="1.0"?>\n<agentstatus><statusfile>dumping-status.xml</statusfile></agentstatus>\n};
-    exit 0;
-}
-exit 2;
-"""
 
 # The eight connection failures: their own exit codes, or the inner message
 # of an action that wraps every failure.

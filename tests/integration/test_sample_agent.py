@@ -75,14 +75,6 @@ class SampleAgentTest(unittest.TestCase):
     def dump_doc(self):
         return ET.parse(os.path.join(self.dir, "dump.xml")).getroot()
 
-    def test_perl_sources_compile(self):
-        lib = os.path.join(AGENTS, "shared", "lib")
-        for path in [os.path.join(AGENTS, "sample", "sample-agent.pl"), SCOUT, MAKE_HOST,
-                     os.path.join(lib, "Vantrel", "Sample.pm")]:
-            r = subprocess.run(["perl", "-I", lib, "-c", path], capture_output=True)
-            self.assertEqual(0, r.returncode, r.stderr)
-            self.assertEqual(b"", r.stderr.replace(b"%s syntax OK\n" % path.encode(), b""))
-
     def test_selected_dump_with_rsync_transport(self):
         stdin = ("src.test\nmigrator\n%s\n2222\nbobs-bakery.test,nope.test\nalice\nnorthwind"
                  % PASSWORD).encode()

@@ -484,13 +484,6 @@ class SshServer:
             shutil.rmtree(self.dir, ignore_errors=True)
             self.dir = None
 
-    def log_text(self):
-        try:
-            with open(self.log, "rb") as f:
-                return f.read().decode("utf-8", "replace")
-        except (OSError, TypeError):
-            return ""
-
     def __enter__(self):
         return self.start()
 
