@@ -259,34 +259,35 @@ TEST_F(SshExec, SurvivesSigalrmEveryHundredMilliseconds) {
     tb::writeFile(refreshHook.statusFile, "status\n");
     alarmTarget = ssh_;
 
-    struct sigaction action;
-    std::memset(&action, 0, sizeof action);
-    action.sa_handler = &onAlarm;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = 0;  // no SA_RESTART
-    struct sigaction previous;
-    ASSERT_EQ(0, sigaction(SIGALRM, &action, &previous));
-    itimerval every100ms{{0, 100000}, {0, 100000}};
-    ASSERT_EQ(0, setitimer(ITIMER_REAL, &every100ms, nullptr));
+    // The timer and the handler (no SA_RESTART) for the life of the object.
+    struct Ticking {
+        Ticking() {
+            struct sigaction action {};
+            action.sa_handler = &onAlarm;
+            sigemptyset(&action.sa_mask);
+            sigaction(SIGALRM, &action, &previous);
+            itimerval every100ms{{0, 100000}, {0, 100000}};
+            setitimer(ITIMER_REAL, &every100ms, nullptr);
+        }
+        ~Ticking() {
+            itimerval off{};
+            setitimer(ITIMER_REAL, &off, nullptr);
+            sigaction(SIGALRM, &previous, nullptr);
+        }
+        struct sigaction previous;
+    };
 
     std::string input(8 << 20, 'i');
     std::istringstream in(input);
     std::ostringstream out, err;
     SummingCounter counter;
     int status = -1;
-    try {
+    {
+        Ticking ticking;
         status = ssh_->exec("sleep 2; wc -c; i=0; while [ $i -lt 30 ]; do echo out $i; echo err $i >&2; "
                             "head -c 100000 /dev/zero; sleep 1; i=$((i+1)); done; exit 5",
                             in, out, err, true, true, counter);
-    } catch (...) {
-        itimerval off{};
-        setitimer(ITIMER_REAL, &off, nullptr);
-        sigaction(SIGALRM, &previous, nullptr);
-        throw;
     }
-    itimerval off{};
-    setitimer(ITIMER_REAL, &off, nullptr);
-    sigaction(SIGALRM, &previous, nullptr);
     ssh_->setAlarm(nullptr);
 
     EXPECT_EQ(5, status);
