@@ -616,5 +616,25 @@ def remove_tree(path):
     shutil.rmtree(path, ignore_errors=True)
 
 
+
+class SampleAgentDeployed:
+    """Mixin for an IntegrationCase: one sample agent deployed through sudo for
+    the whole class, its settings reset before every test."""
+    need_sample_data = True
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        try:
+            cls.agent_dir = cls.deploy_for_class()
+        except BaseException:
+            cls.tearDownClass()
+            raise
+
+    def setUp(self):
+        super().setUp()
+        self.configure_agent(self.agent_dir)
+
+
 def main():
     unittest.main(verbosity=2)

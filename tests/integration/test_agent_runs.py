@@ -117,21 +117,7 @@ SELECTION = """<?xml version="1.0"?>
 """
 
 
-class DumpTest(IntegrationCase):
-    need_sample_data = True
-
-    @classmethod
-    def setUpClass(cls):
-        super().setUpClass()
-        try:
-            cls.agent_dir = cls.deploy_for_class()
-        except BaseException:
-            cls.tearDownClass()
-            raise
-
-    def setUp(self):
-        self.configure_agent(self.agent_dir)
-
+class DumpTest(harness.SampleAgentDeployed, IntegrationCase):
     def dump(self, action, extra=(), stdin=b"", session=None, sudo=True):
         return self.start(action, session=session, agent_dir=self.agent_dir, extra=extra, stdin=stdin,
                           sudo_password=PASSWORD if sudo else None)

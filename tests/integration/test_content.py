@@ -55,21 +55,8 @@ class ContentCase(IntegrationCase):
         self.assertEqual((content_dir + "/migration.result").encode(), session.read("migration-result-name"))
 
 
-class SampleContentTest(ContentCase):
-    need_sample_data = True
+class SampleContentTest(harness.SampleAgentDeployed, ContentCase):
     agent = "sample"
-
-    @classmethod
-    def setUpClass(cls):
-        super().setUpClass()
-        try:
-            cls.agent_dir = cls.deploy_for_class()
-        except BaseException:
-            cls.tearDownClass()
-            raise
-
-    def setUp(self):
-        self.configure_agent(self.agent_dir)
 
     def dump(self, action, extra=(), **settings):
         """Dumps with content and returns (records, total) of the agent's list."""
