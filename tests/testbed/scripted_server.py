@@ -183,12 +183,18 @@ def kill_group(proc):
 def cut_connection(server):
     """Ends the TCP connection under the transport right after the data sent
     so far: a FIN, with no channel close, no end of file and no disconnect
-    message before it.  The socket stays open for reading until the client
-    closes, so that no reset can destroy data the client has not read yet."""
+    message before it.  The socket stays open for reading for five seconds
+    (or until the client closes), so that no reset destroys data the client
+    has not read yet."""
     try:
         server.transport.sock.shutdown(socket.SHUT_WR)
     except OSError:
         pass
+    # Some seconds later the connection is closed for good, so that no client
+    # can be left waiting on it whatever became of the end of the stream.
+    closer = threading.Timer(5.0, server.transport.close)
+    closer.daemon = True
+    closer.start()
 
 
 def run_exec(server, channel, command):
