@@ -1,8 +1,6 @@
 // The agent's content list, as a hostile source host could print it: parsing
-// ends in a tagged error or in records of bounded size, and every name that
-// the content retrieval accepts stays inside the content directory.
-#include <string>
-
+// ends in a tagged error or in records of bounded size, and every name the
+// content retrieval accepts stays inside the content directory.
 #include <boost/lexical_cast.hpp>
 
 #include "commons/exceptions.h"
@@ -10,69 +8,34 @@
 #include "tests/fuzz/fuzz_support.h"
 #include "vantrel/actions.h"
 
-namespace {
-
-// Walks the name the way the kernel resolves it below a directory (no links
-// on the way): the depth below the content directory never goes negative.
-bool staysInside(const std::string& name) {
-    if (name.empty() || name[0] == '/') return false;
-    long depth = 0;
-    std::string::size_type start = 0;
-    while (start <= name.size()) {
-        std::string::size_type end = name.find('/', start);
-        if (end == std::string::npos) end = name.size();
-        const std::string component = name.substr(start, end - start);
-        if (component == "..")
-            --depth;
-        else if (!component.empty() && component != ".")
-            ++depth;
-        if (depth < 0) return false;
-        start = end + 1;
-    }
-    return true;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string text(reinterpret_cast<const char*>(data), size);
     std::unique_ptr<velmo::AgentFileList> list;
     try {
-        list = velmo::getFileList(text);
+        list = velmo::getFileList(std::string(reinterpret_cast<const char*>(data), size));
+        list->getTotalSize();
     } catch (const velmo::ExTraceable&) {
-        return 0;
     } catch (const boost::bad_lexical_cast&) {
-        return 0;
     }
-
-    for (const char* total : {"size", "unpacked"}) {
-        try {
-            if (std::string(total) == "size")
-                list->getTotalSize();
-            else
-                list->getUnpackedSize();
-        } catch (const velmo::ExTraceable&) {
-        } catch (const boost::bad_lexical_cast&) {
-        }
-    }
-
     size_t names = 0;
-    for (const velmo::DumpFile& record : list->getFileList()) names += record.name.size();
-    FUZZ_CHECK(names <= size + (1u << 20), "entity references add at most 1 MiB of text");
-
-    for (const velmo::DumpFile& record : list->getFileList()) {
-        // Entity references must not turn a short list into huge names.
+    for (const velmo::DumpFile& record : list ? list->getFileList() : std::vector<velmo::DumpFile>()) {
+        names += record.name.size();
         FUZZ_CHECK(record.name.size() <= 4096, "a listed name is no longer than a local path can be");
-        bool accepted = true;
         try {
             velmo::checkContentFileName(record.name);
-        } catch (const velmo::Exc<&velmo::UnsafeContentFileName>&) {
-            accepted = false;
+        } catch (const velmo::ExTraceable&) {
+            continue;
         }
-        if (accepted) {
-            FUZZ_CHECK(staysInside(record.name), "an accepted content name stays in the content directory");
-            FUZZ_CHECK(record.name.find('\0') == std::string::npos, "an accepted content name holds no NUL");
+        // The depth below the content directory, walked as the kernel resolves the name.
+        long depth = record.name[0] == '/' ? -1 : 0;
+        for (size_t start = 0; depth >= 0 && start <= record.name.size();) {
+            const size_t end = std::min(record.name.find('/', start), record.name.size());
+            const std::string component = record.name.substr(start, end - start);
+            depth += component == ".." ? -1 : component.empty() || component == "." ? 0 : 1;
+            start = end + 1;
         }
+        FUZZ_CHECK(depth >= 0 && record.name.find('\0') == std::string::npos,
+                   "an accepted name stays inside the content directory");
     }
+    FUZZ_CHECK(names <= size + (1u << 20), "entity references add at most 1 MiB of text");
     return 0;
 }

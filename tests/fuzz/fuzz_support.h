@@ -1,4 +1,4 @@
-// Helpers shared by the fuzz targets.
+// Helpers of the fuzz targets.
 #ifndef VANTREL_TESTS_FUZZ_SUPPORT_H
 #define VANTREL_TESTS_FUZZ_SUPPORT_H
 
@@ -9,46 +9,21 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-namespace fuzz {
-
-// A file that lives only in memory, reachable by a path, for the readers that
-// open a file by name. Its content is replaced by every set().
-class MemoryFile {
-public:
-    MemoryFile() : fd_(memfd_create("vantrel-fuzz", 0)) {
-        if (fd_ < 0) {
-            std::perror("memfd_create");
-            std::abort();
-        }
-        path_ = "/proc/self/fd/" + std::to_string(fd_);
-    }
-    MemoryFile(const MemoryFile&) = delete;
-    MemoryFile& operator=(const MemoryFile&) = delete;
-
-    const std::string& set(const uint8_t* data, size_t size) {
-        if (ftruncate(fd_, 0) != 0 || pwrite(fd_, data, size, 0) != static_cast<ssize_t>(size)) {
-            std::perror("memory file");
-            std::abort();
-        }
-        return path_;
-    }
-
-private:
-    int fd_;
-    std::string path_;
-};
-
-// Stops the run with a message when a property does not hold; libFuzzer keeps
-// the input that led here.
-#define FUZZ_CHECK(condition, what)                                                             \
-    do {                                                                                        \
-        if (!(condition)) {                                                                     \
-            std::fprintf(stderr, "property violated: %s (%s) at %s:%d\n", what, #condition,     \
-                         __FILE__, __LINE__);                                                   \
-            std::abort();                                                                       \
-        }                                                                                       \
+// Stops the run when a property does not hold; libFuzzer keeps the input.
+#define FUZZ_CHECK(condition, what)                                                                      \
+    do {                                                                                                 \
+        if (!(condition)) {                                                                              \
+            std::fprintf(stderr, "property violated: %s (%s) at %s:%d\n", what, #condition, __FILE__, __LINE__); \
+            std::abort();                                                                                \
+        }                                                                                                \
     } while (0)
 
-}  // namespace fuzz
+// The path of a file in memory holding data, for readers that open a file by name.
+inline std::string memoryFile(const uint8_t* data, size_t size) {
+    static const int fd = memfd_create("vantrel-fuzz", 0);
+    FUZZ_CHECK(fd >= 0 && ftruncate(fd, 0) == 0 && pwrite(fd, data, size, 0) == static_cast<ssize_t>(size),
+               "the memory file takes the input");
+    return "/proc/self/fd/" + std::to_string(fd);
+}
 
 #endif
