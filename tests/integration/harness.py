@@ -1,10 +1,7 @@
-"""What the integration tests share: they run the real vantrel binary against
-a private loopback sshd of the test bed, with this machine as the source host.
-
-Each test class gets a throw-away product root (a copy of product/QMV with the
-log at DEBUG and the test agents below), named in the configuration file the
-binary was built to read. Remote agent directories lie under the home of the
-test login and go at the end of the class."""
+"""What the integration tests share: they run the real binary against a
+loopback sshd of the test bed, this machine being the source host, with a
+throw-away product root per test class (product/QMV, the log at DEBUG, the
+test agent below) named in the configuration file the binary reads."""
 import contextlib
 import hashlib
 import os
@@ -26,33 +23,28 @@ KVA_CONF = os.environ.get("VANTREL_KVA_CONF") or os.path.join(BUILD, "test-root"
 BIN = os.environ.get("VANTREL_BIN") or os.path.join(BUILD, "vantrel", "vantrel")
 sys.path.insert(0, os.path.join(SOURCE, "tests", "testbed"))
 from testbed import *  # noqa: E402,F401,F403
-from scripted_server import ScriptedServer  # noqa: E402,F401
 
 MIB = 1 << 20
 
 # The test agent: records the command line and environment of itself and of
-# each ancestor below sshd, answers --get-status with who and where it runs
-# (or fails when a file fail-status lies beside it), prints list.xml, if there
-# is one, for --get-content-list, and hands anything else to the sample agent.
+# each ancestor below sshd; answers --get-status with who and where it runs
+# (unless a file fail-status lies beside it); prints list.xml, if there is
+# one, for --get-content-list; hands anything else to the sample agent.
 PROBE = r"""#!/usr/bin/perl
 use strict; use Cwd; use FindBin;
 (my $tag = $ARGV[0] // '') =~ s/\W//g;
-for (my ($pid, $n) = ($$, 0); $pid > 1 && open(my $st, '<', "/proc/$pid/stat"); $n++) {
+for (my ($pid, $n) = ($$, 0); open(my $st, '<', "/proc/$pid/stat"); $n++) {
     my ($comm, $ppid) = <$st> =~ /\((.*)\) \S+ (\d+)/;
-    last if $comm eq 'sshd';
-    for my $what ('environ', 'cmdline') {
-        open my $in, '<:raw', "/proc/$pid/$what" or next;
-        open my $out, '>:raw', "$FindBin::Bin/rec.$tag.$n.$comm.$what" or die "cannot record: $!\n";
-        local $/; print {$out} <$in>;
-    }
+    last if $comm eq 'sshd' || $pid <= 1;
+    open my $out, '>:raw', "$FindBin::Bin/rec.$tag.$n.$comm" or die "cannot record: $!\n";
+    print {$out} map { my $in; open($in, '<:raw', "/proc/$pid/$_") ? do { local $/; <$in> } : '' } 'cmdline', 'environ';
     $pid = $ppid;
 }
 chdir $FindBin::Bin;
 if ("@ARGV" eq '--get-status') {
     if (open my $f, '<', 'fail-status') { print STDERR <$f>; exit 3 }
     print '<agentstatus><uid>', $<, '</uid><cwd>', getcwd(), "</cwd></agentstatus>\n";
-} elsif ("@ARGV" eq '--get-content-list' && -e 'list.xml') {
-    open my $f, '<:raw', 'list.xml' or die "no content list: $!\n";
+} elsif ("@ARGV" eq '--get-content-list' && open my $f, '<:raw', 'list.xml') {
     binmode STDOUT; print <$f>;
 } else {
     exec $^X, 'sample-agent.pl', @ARGV or die "no sample agent: $!\n";
@@ -69,24 +61,19 @@ def read(path):
         return f.read()
 
 
-def write(path, data, mode=0o644, owner=None):
+def write(path, data, owner=None):
     os.makedirs(os.path.dirname(path), exist_ok=True)
     with open(path, "wb") as f:
         f.write(data.encode() if isinstance(data, str) else data)
-    os.chmod(path, mode)
     if owner:
         os.chown(path, *pwd.getpwnam(owner)[2:4])
 
 
-def tree(root, skip=("rec.",)):
-    """Relative path -> bytes of every file below root (None for a directory)."""
-    out = {}
-    for d, dirs, files in os.walk(root):
-        for name in dirs + files:
-            path = os.path.join(d, name)
-            if not name.startswith(skip):
-                out[os.path.relpath(path, root)] = None if name in dirs else read(path)
-    return out
+def tree(root):
+    """Relative path -> bytes of every file below root (None for a directory)
+    but the probe's records."""
+    return {os.path.relpath(os.path.join(d, n), root): None if n in dirs else read(os.path.join(d, n))
+            for d, dirs, files in os.walk(root) for n in dirs + files if not n.startswith("rec.")}
 
 
 def content_list(archives, total=None, sizes={}):
@@ -138,35 +125,30 @@ class Run:
 
     def __init__(self, argv, env, stdin, session):
         self.argv, self.session = argv, session
-        self._out, self._err = tempfile.TemporaryFile(), tempfile.TemporaryFile()
-        with tempfile.TemporaryFile() as inp:
-            inp.write(stdin)
-            inp.seek(0)
+        with tempfile.TemporaryFile() as f:
+            f.write(stdin)
+            f.seek(0)
             # A hardened umask: what the binary hands to kvaadm must not depend on ours.
-            self.proc = subprocess.Popen(argv, env=env, stdin=inp, stdout=self._out, stderr=self._err, umask=0o027)
+            self.proc = subprocess.Popen(argv, env=env, stdin=f, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                         umask=0o027)
         self.pid = self.proc.pid
 
     def finish(self, timeout=300):
         try:
-            self.code = self.proc.wait(timeout)
+            self.out, self.err = self.proc.communicate(timeout=timeout)
         finally:
             self.proc.kill()
-        for name in ("out", "err"):
-            with getattr(self, "_" + name) as f:
-                f.seek(0)
-                setattr(self, name, f.read())
+        self.code = self.proc.wait()
         return self
 
     def __str__(self):
-        return "exit %s of %s\nstdout %r\nstderr %r\nlog:\n%s" % (
-            self.code, " ".join(self.argv), self.out[-1000:], self.err[-1000:], self.session.log()[-3000:])
+        return "exit %s of %s\nstdout %r\nstderr %r\nlog:\n%s" % (self.code, " ".join(self.argv), self.out[-999:],
+                                                                  self.err[-999:], self.session.log()[-3000:])
 
 
-def environment(password=PASSWORD, sudo=None, **extra):
+def environment(password=PASSWORD, sudo=None):
     env = {k: v for k, v in os.environ.items() if not k.startswith("KVA_")}
-    env.update({k: v for k, v in (("KVA_PASSWORD", password), ("KVA_SUDO_PASSWORD", sudo)) if v is not None})
-    env.update(extra)
-    return env
+    return env | {k: v for k, v in (("KVA_PASSWORD", password), ("KVA_SUDO_PASSWORD", sudo)) if v is not None}
 
 
 class Case(unittest.TestCase):
@@ -178,7 +160,7 @@ class Case(unittest.TestCase):
         ensure_accounts()
         cls.tmp = tempfile.mkdtemp(prefix="vantrel-it.")
         os.chmod(cls.tmp, 0o755)    # sample data and archives are read by the test login
-        cls.remote_dirs, cls.server, cls.saved_conf = [], None, None
+        cls.remote_dirs, cls.server = [], None
         cls.addClassCleanup(cls.cleanup)
         cls.qmv = os.path.join(cls.tmp, "product", "QMV")
         shutil.copytree(os.path.join(SOURCE, "product", "QMV"), cls.qmv)
@@ -186,11 +168,9 @@ class Case(unittest.TestCase):
         properties = os.path.join(cls.qmv, "log4cpp.properties")
         write(properties, read(properties).replace(b"rootCategory=INFO", b"rootCategory=DEBUG"))
         agents = os.path.join(cls.qmv, "agents")
-        write(os.path.join(agents, "probe", "control", "spec"), "Description: test agent\nEntryPoint: probe.pl\n")
-        write(os.path.join(agents, "probe", "probe.pl"), PROBE)
-        write(os.path.join(agents, "probe", "sample-agent.pl"), read(os.path.join(agents, "sample", "sample-agent.pl")))
-        if os.path.exists(KVA_CONF):
-            cls.saved_conf = read(KVA_CONF)
+        write(agents + "/probe/control/spec", "EntryPoint: probe.pl\n")
+        write(agents + "/probe/probe.pl", PROBE)
+        shutil.copy(agents + "/sample/sample-agent.pl", agents + "/probe")
         write(KVA_CONF, "PRODUCT_ROOT_D %s\n" % os.path.dirname(cls.qmv))
         cls.server = SshServer().start()
         cls.port = cls.server.port
@@ -203,20 +183,17 @@ class Case(unittest.TestCase):
     def cleanup(cls):
         if cls.server:
             cls.server.stop()
-        if cls.saved_conf is None:
-            with contextlib.suppress(FileNotFoundError):
-                os.unlink(KVA_CONF)
-        else:
-            write(KVA_CONF, cls.saved_conf)
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(KVA_CONF)
         for d in cls.remote_dirs + [cls.tmp]:
             shutil.rmtree(d, ignore_errors=True)
 
     @classmethod
-    def remote_dir(cls, login=USER, create=False):
+    def remote_dir(cls, create=False):
         """A fresh agent directory under the login's home."""
-        path = tempfile.mkdtemp(prefix="vantrel-it.", dir=pwd.getpwnam(login).pw_dir)
+        path = tempfile.mkdtemp(prefix="vantrel-it.", dir=pwd.getpwnam(USER).pw_dir)
         cls.remote_dirs.append(path)
-        os.rmdir(path) if not create else os.chown(path, *pwd.getpwnam(login)[2:4])
+        os.rmdir(path) if not create else os.chown(path, *pwd.getpwnam(USER)[2:4])
         return path
 
     @classmethod
@@ -232,7 +209,7 @@ class Case(unittest.TestCase):
         argv += ["--agent-dir=" + agent_dir, "--agent-name=" + agent] if agent_dir else []
         session = session or cls.session()
         return Run(argv + ["--session-path", session.path] + list(extra),
-                   environment(password, sudo, **env), stdin, session)
+                   environment(password, sudo) | env, stdin, session)
 
     @classmethod
     def run_vantrel(cls, *args, timeout=300, **kw):
@@ -242,14 +219,24 @@ class Case(unittest.TestCase):
         return Run([BIN] + args, environment(password), b"", session).finish(60)
 
     @classmethod
-    def deploy(cls, agent="probe", login=USER, sudo=True, agent_dir=None):
-        """Deploys an agent into a fresh remote directory for the class."""
-        agent_dir = agent_dir or cls.remote_dir(login)
-        r = cls.run_vantrel("--deploy-agent", agent_dir=agent_dir, agent=agent, login=login,
-                            password=ACCOUNTS[login], sudo=ACCOUNTS[login] if sudo else None)
+    def deploy(cls, agent="probe"):
+        """Deploys an agent through sudo into a fresh remote directory."""
+        agent_dir = cls.remote_dir()
+        r = cls.run_vantrel("--deploy-agent", agent_dir=agent_dir, agent=agent, sudo=PASSWORD)
         if r.code != 0:
             raise AssertionError("deployment failed: %s" % r)
         return agent_dir
+
+    def get_content(self, agent_dir, *extra, sudo=PASSWORD, **kw):
+        return self.start("--get-content", *extra, agent_dir=agent_dir, sudo=sudo, **kw)
+
+    def tmpfs(self):
+        """A directory on a file system of 1 MiB."""
+        path = tempfile.mkdtemp(dir=self.tmp)
+        if subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", path]).returncode:
+            self.skipTest("this machine does not let a tmpfs be mounted")
+        self.addCleanup(subprocess.run, ["umount", path])
+        return path
 
     def configure(self, agent_dir, **settings):
         """The settings of the sample agent in agent_dir."""
@@ -327,24 +314,25 @@ class Case(unittest.TestCase):
         raise AssertionError("the run did not reach its last status: %s" % run.finish(1))
 
 
-class Poller:
-    """Reads a file every 0.1 s and keeps (time, content) of every change."""
+class Poller(threading.Thread):
+    """Reads a file every 0.1 s until stopped and keeps (time, content) of
+    every change."""
 
     def __init__(self, path):
-        self.seen, self._done = [], threading.Event()
-        self._thread = threading.Thread(target=self._run, args=(path,), daemon=True)
-        self._thread.start()
+        super().__init__(daemon=True)
+        self.path, self.seen, self.done = path, [], threading.Event()
+        self.start()
 
-    def _run(self, path):
-        while not self._done.wait(0.1):
+    def run(self):
+        while not self.done.wait(0.1):
             with contextlib.suppress(OSError):
-                data = read(path)
+                data = read(self.path)
                 if data and (not self.seen or self.seen[-1][1] != data):
                     self.seen.append((time.monotonic(), data))
 
     def stop(self):
-        self._done.set()
-        self._thread.join()
+        self.done.set()
+        self.join()
 
 
 def main():

@@ -28,10 +28,7 @@ class ExitCodeTest(h.Case):
             self.assertTrue(r.err.endswith(b"\n") and b"\n" not in r.err[:-1], r)
         self.assertFalse(os.path.exists(s.path))
         # Options that do not fit the action: the reason is in the log only.
-        for args, password in ((["--send-scout"], h.PASSWORD), (["--send-scout", "--host=h", "--login=l"], None),
-                               (["--send-scout", "--host=h", "--login=l", "--sudo-password"], h.PASSWORD),
-                               (["--get-content", "--no-content", "--host=h", "--login=l"], h.PASSWORD),
-                               (["--remove-dumping-status"], h.PASSWORD)):
+        for args, password in ((["--send-scout", "--host=h", "--login=l"], None), (["--remove-dumping-status"], "pw")):
             s = self.session()
             r = self.run_raw(args + ["--session-path", s.path], s, password=password)
             self.assertEqual((1, b"", b""), (r.code, r.out, r.err), r)

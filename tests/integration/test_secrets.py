@@ -47,8 +47,8 @@ class SecretsTest(h.Case):
         files = [os.path.join(d, n) for d, _, names in os.walk(s.path) for n in names]
         self.assertGreater(len(files), 10)
         records = [os.path.join(agent_dir, n) for n in os.listdir(agent_dir) if n.startswith("rec.")]
-        for tag in ("getstatus.", "contenttransportrsync.", "getcontentlist.", ".sudo."):
-            self.assertTrue(any(tag in r for r in records), (tag, records))
+        for tag in (".getstatus.", ".contenttransportrsync.", ".getcontentlist."):
+            self.assertTrue(any(tag in r and r.endswith(".sudo") for r in records), (tag, records))
         for path in files + records:
             found += self.leaks(path, h.read(path))
         self.assertEqual([], found)

@@ -1,16 +1,19 @@
 """Loopback SSH test bed: real local accounts, private OpenSSH servers on
-127.0.0.1, and a scripted paramiko server for the faults a real server cannot
-show on demand.  Needs root and /usr/bin/python3; see tests/README.md."""
+127.0.0.1, and a scripted server for the faults a real server cannot show on
+demand. Needs root and /usr/bin/python3 (with paramiko); see tests/README.md."""
 import contextlib
 import fcntl
 import os
 import pwd
+import shutil
 import signal
 import socket
 import subprocess
 import tempfile
+import threading
 import time
-import warnings
+
+import paramiko
 
 HOST = "127.0.0.1"
 # The passwords hold a blank, a quote and a dollar sign: every layer that
@@ -59,12 +62,6 @@ def _ensure_user(name, password, shell):
             _run("usermod", "--shell", shell, name)
     except KeyError:
         _run("useradd", "--create-home", "--user-group", "--shell", shell, name)
-    with warnings.catch_warnings():
-        warnings.simplefilter("ignore", DeprecationWarning)
-        import crypt
-    with open("/etc/shadow") as f:
-        stored = next(line.split(":")[1] for line in f if line.startswith(name + ":"))
-    if stored[:1] in ("", "!", "*") or crypt.crypt(password, stored) != stored:
         _run("chpasswd", input=("%s:%s\n" % (name, password)).encode())
 
 
@@ -88,12 +85,13 @@ def ensure_accounts():
                 if not name.startswith("sudo") and not os.path.lexists(os.path.join(bindir, name)):
                     os.symlink(os.path.join(d, name), os.path.join(bindir, name))
         shell = os.path.join(SUPPORT, "nosudo-shell")
-        _write_ours(shell, "#!/bin/sh\n%s\nPATH=%s\nexport PATH\nexec /bin/sh \"$@\"\n" % (MARKER, bindir), 0o755)
+        _write_ours(shell, "#!/bin/sh\n%s\n# Login shell of %s: a PATH in which no sudo can be found.\n"
+                    "PATH=%s\nexport PATH\nexec /bin/sh \"$@\"\n" % (MARKER, NOSUDOBIN_USER, bindir), 0o755)
         _ensure_user(USER, PASSWORD, "/bin/bash")
         _ensure_user(NOSUDO_USER, NOSUDO_PASSWORD, "/bin/sh")
         _ensure_user(NOSUDOBIN_USER, NOSUDOBIN_PASSWORD, shell)
-        _write_ours("/etc/sudoers.d/vantrel-test", "%s\nDefaults:%s !requiretty, lecture=never\n%s ALL=(ALL:ALL) ALL\n"
-                    % (MARKER, USER, USER), 0o440)
+        _write_ours("/etc/sudoers.d/vantrel-test", "%s\nDefaults:%s !requiretty\nDefaults:%s lecture=never\n"
+                    "%s ALL=(ALL:ALL) ALL\n" % (MARKER, USER, USER, USER), 0o440)
 
 
 def host_key():
@@ -161,16 +159,132 @@ class SshServer:
                     if s.recv(8) == b"SSH-2.0-":
                         return self
                 time.sleep(0.02)
-            self.stop()
-        raise RuntimeError("sshd did not start; see %s" % self.log)
+            kill_tree(self.proc.pid)
+            self.proc.wait()
+        raise RuntimeError("sshd did not start: %s" % open(self.log).read()[-2000:])
 
     def stop(self):
         if self.proc is not None:
             kill_tree(self.proc.pid)
             self.proc.wait()
             self.proc = None
+            shutil.rmtree(self.dir)
 
     __enter__ = start
 
     def __exit__(self, *exc):
         self.stop()
+
+
+class ScriptedServer:
+    """An SSH server in the test process for the faults a real sshd cannot show
+    on demand. Modes: "silent" never sends a byte; "stall-auth" never answers
+    authentication; "kbdint-3-prompts" asks for the password three times in one
+    keyboard-interactive request; "fail-first-handshake" drops connection 1 after
+    the client's banner; "cut" ends the TCP connection (a FIN, nothing else) once
+    cut_after bytes of a command's output went out. It logs the test accounts in
+    by password and runs commands through their login shells, as them. events
+    lists "CONNECT n", "AUTH n ok|failed", "EXEC n <command>", "CUT n"."""
+
+    def __init__(self, mode, cut_after=1 << 20):
+        self.mode, self.cut_after, self.host, self.events = mode, cut_after, HOST, []
+        self.stopping, self.held = threading.Event(), []
+
+    def start(self):
+        self.listener = socket.create_server((self.host, 0))
+        self.port = self.listener.getsockname()[1]
+        threading.Thread(target=self._accept, daemon=True).start()
+        return self
+
+    def _accept(self):
+        key = paramiko.Ed25519Key.from_private_key_file(host_key())
+        with contextlib.suppress(OSError):
+            for n in range(1, 1000):
+                sock = self.listener.accept()[0]
+                self.events.append("CONNECT %d" % n)
+                self.held.append(sock)
+                if self.mode == "fail-first-handshake" and n == 1:
+                    sock.recv(256)
+                    sock.close()
+                elif self.mode != "silent":
+                    t = paramiko.Transport(sock)
+                    t.add_server_key(key)
+                    self.held.append(t)
+                    t.start_server(event=threading.Event(), server=_Interface(self, n, t))
+
+    def stop(self):
+        self.stopping.set()
+        self.listener.close()
+        for h in self.held:
+            if isinstance(h, subprocess.Popen):
+                kill_tree(h.pid)
+            else:
+                h.close()
+
+    __enter__ = start
+
+    def __exit__(self, *exc):
+        self.stop()
+
+
+class _Interface(paramiko.ServerInterface):
+    def __init__(self, server, n, transport):
+        self.server, self.n, self.transport, self.mode = server, n, transport, server.mode
+
+    def get_allowed_auths(self, user):
+        if self.mode == "stall-auth":
+            self.server.stopping.wait()
+        return "keyboard-interactive" if self.mode == "kbdint-3-prompts" else "password"
+
+    def _verdict(self, user, ok):
+        self.user = user
+        self.server.events.append("AUTH %d %s" % (self.n, "ok" if ok else "failed"))
+        return paramiko.AUTH_SUCCESSFUL if ok else paramiko.AUTH_FAILED
+
+    def check_auth_password(self, user, password):
+        return self._verdict(user, self.mode != "kbdint-3-prompts" and ACCOUNTS.get(user) == password)
+
+    def check_auth_interactive(self, user, submethods):
+        if self.mode != "kbdint-3-prompts":
+            return paramiko.AUTH_FAILED
+        self.user = user
+        return paramiko.InteractiveQuery("", "", ("Password: ", False), ("Again: ", False), ("Once more: ", False))
+
+    def check_auth_interactive_response(self, answers):
+        return self._verdict(self.user, len(answers) == 3 and set(answers) == {ACCOUNTS.get(self.user)})
+
+    def check_channel_request(self, kind, chanid):
+        return paramiko.OPEN_SUCCEEDED
+
+    def check_channel_exec_request(self, channel, command):
+        self.server.events.append("EXEC %d %s" % (self.n, command.decode(errors="replace")))
+        threading.Thread(target=self._exec, args=(channel, command), daemon=True).start()
+        return True
+
+    def _exec(self, channel, command):
+        pw = pwd.getpwnam(self.user)
+        with tempfile.TemporaryFile() as stdin, contextlib.suppress(OSError, EOFError):
+            # The client sends the whole of its input before it reads.
+            for data in iter(lambda: channel.recv(65536), b""):
+                stdin.write(data)
+            stdin.seek(0)
+            proc = subprocess.Popen([pw.pw_shell, "-c", command], cwd=pw.pw_dir, start_new_session=True, stdin=stdin,
+                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, user=pw.pw_uid, group=pw.pw_gid,
+                                    extra_groups=os.getgrouplist(pw.pw_name, pw.pw_gid),
+                                    env={"HOME": pw.pw_dir, "USER": self.user, "LOGNAME": self.user, "LANG": "C",
+                                         "PATH": "/usr/local/bin:/usr/bin:/bin"})
+            self.server.held.append(proc)
+            sent = 0
+            for data in iter(lambda: proc.stdout.read1(65536), b""):
+                if self.mode == "cut" and sent + len(data) >= self.server.cut_after:
+                    channel.sendall(data[:self.server.cut_after - sent])
+                    self.server.events.append("CUT %d" % self.n)
+                    self.transport.sock.shutdown(socket.SHUT_WR)
+                    # Closed for good later, so that no reset destroys what the client has not read yet.
+                    threading.Timer(5, self.transport.close).start()
+                    return kill_tree(proc.pid)
+                channel.sendall(data)
+                sent += len(data)
+            channel.sendall_stderr(proc.stderr.read())
+            channel.send_exit_status(proc.wait())
+            channel.close()
