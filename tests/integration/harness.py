@@ -142,8 +142,9 @@ class Run:
         return self
 
     def __str__(self):
+        log = self.session.log()[-3000:] if self.session else ""
         return "exit %s of %s\nstdout %r\nstderr %r\nlog:\n%s" % (self.code, " ".join(self.argv), self.out[-999:],
-                                                                  self.err[-999:], self.session.log()[-3000:])
+                                                                  self.err[-999:], log)
 
 
 def environment(password=PASSWORD, sudo=None):

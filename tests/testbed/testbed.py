@@ -268,23 +268,23 @@ class _Interface(paramiko.ServerInterface):
             for data in iter(lambda: channel.recv(65536), b""):
                 stdin.write(data)
             stdin.seek(0)
-            proc = subprocess.Popen([pw.pw_shell, "-c", command], cwd=pw.pw_dir, start_new_session=True, stdin=stdin,
-                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, user=pw.pw_uid, group=pw.pw_gid,
-                                    extra_groups=os.getgrouplist(pw.pw_name, pw.pw_gid),
-                                    env={"HOME": pw.pw_dir, "USER": self.user, "LOGNAME": self.user, "LANG": "C",
-                                         "PATH": "/usr/local/bin:/usr/bin:/bin"})
-            self.server.held.append(proc)
-            sent = 0
-            for data in iter(lambda: proc.stdout.read1(65536), b""):
-                if self.mode == "cut" and sent + len(data) >= self.server.cut_after:
-                    channel.sendall(data[:self.server.cut_after - sent])
-                    self.server.events.append("CUT %d" % self.n)
-                    self.transport.sock.shutdown(socket.SHUT_WR)
-                    # Closed for good later, so that no reset destroys what the client has not read yet.
-                    threading.Timer(5, self.transport.close).start()
-                    return kill_tree(proc.pid)
-                channel.sendall(data)
-                sent += len(data)
-            channel.sendall_stderr(proc.stderr.read())
-            channel.send_exit_status(proc.wait())
-            channel.close()
+            with subprocess.Popen([pw.pw_shell, "-c", command], cwd=pw.pw_dir, start_new_session=True, stdin=stdin,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, user=pw.pw_uid, group=pw.pw_gid,
+                                  extra_groups=os.getgrouplist(pw.pw_name, pw.pw_gid),
+                                  env={"HOME": pw.pw_dir, "USER": self.user, "LOGNAME": self.user, "LANG": "C",
+                                       "PATH": "/usr/local/bin:/usr/bin:/bin"}) as proc:
+                self.server.held.append(proc)
+                sent = 0
+                for data in iter(lambda: proc.stdout.read1(65536), b""):
+                    if self.mode == "cut" and sent + len(data) >= self.server.cut_after:
+                        channel.sendall(data[:self.server.cut_after - sent])
+                        self.server.events.append("CUT %d" % self.n)
+                        self.transport.sock.shutdown(socket.SHUT_WR)
+                        # Closed for good later, so that no reset destroys what the client has not read yet.
+                        threading.Timer(5, self.transport.close).start()
+                        return kill_tree(proc.pid)
+                    channel.sendall(data)
+                    sent += len(data)
+                channel.sendall_stderr(proc.stderr.read())
+                channel.send_exit_status(proc.wait())
+                channel.close()
