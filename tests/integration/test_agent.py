@@ -16,7 +16,7 @@ class DeployTest(h.Case):
                           ("shared/lib/control/y", "deeper: deployed"), ("tree/control/spec", "EntryPoint: probe.pl\n"),
                           ("tree/control/extra", "not deployed"), ("tree/probe.pl", h.PROBE),
                           ("tree/common.txt", "the agent's copy"), ("tree/sub/control/kept", "deeper: deployed"),
-                          ("tree/sub/data.bin", os.urandom(3 * h.MIB + 17))):
+                          ("tree/sub/data.bin", os.urandom(3 * h.MIB + 17)), ("tree/empty", "")):
             h.write(os.path.join(cls.agents, rel), text)
 
     def expected_tree(self, *parts):

@@ -52,6 +52,7 @@ class SampleContentTest(ContentCase):
         self.assertEqual((s.path + "/dump.xml").encode(), dump_name)
         self.assertEqual((s.path + "/migration.result").encode(), s.read("migration-result-name"))
         self.assertArrived(archives, s.path, self.agent_dir)
+        self.assertEqual(0, os.stat(s.file(archives[0][0])).st_mode & 0o027)
         admin = tuple(pwd.getpwnam(h.ADMIN_ACCOUNT)[2:4])
         for d in ("content", "content/carol"):
             st = os.stat(s.file(d))

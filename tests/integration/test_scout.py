@@ -43,6 +43,8 @@ class ScoutTest(h.Case):
         self.assertEqual(self.expected(0), r.session.read("scout-result.xml"))
         # An earlier result document is moved aside.
         self.assertEqual(first, r.session.read("migration.result.1"))
+        # --verbose copies the log to standard error.
+        self.assertIn(b"Vantrel started : ", self.run_vantrel("--send-scout", "--verbose").err)
 
     def test_failing_and_missing_scout(self):
         self.addCleanup(h.write, self.scout, SCOUT)
