@@ -1,5 +1,5 @@
-// The readers of what comes in: the product configuration file, agent spec
-// files, the agent's content list, the selected-objects file and the command
+// The readers of what comes in: the product configuration file, agent
+// description files, the agent's content list, the selected-objects file and the command
 // line.
 #include <gtest/gtest.h>
 
@@ -86,8 +86,8 @@ TEST(Configuration, LineRulesAndDefaults) {
     EXPECT_STREQ("/usr/bin", kvaConfGetDefaultByIndex(_MYSQL_BIN_D_INDEX));
 }
 
-TEST(AgentSpec, TokenValueLines) {
-    const std::string spec = (scratch / "spec").string(), bad = "Unable to parse spec file: " + spec + ":";
+TEST(AgentDescription, TokenValueLines) {
+    const std::string file = (scratch / "description").string(), bad = "Unable to parse spec file: " + file + ":";
     const struct { std::string text; Agent::ParseResult values; std::string failure; } cases[] = {
         // Colons in a value, its trailing blanks kept, the last definition wins.
         {"Description: x:y\n\nEntryPoint: a\nDocumentType:\t\v\f doc.dtd \nEntryPoint:b\nStylesheet: s",
@@ -97,13 +97,13 @@ TEST(AgentSpec, TokenValueLines) {
         // Line numbers count the empty lines.
         {"Description: a\n \nEntryPoint: b\n", {}, bad + "2: Expected '<token>: <value>', got ' '"},
         {"Description: a\n\nEntryPoint\n", {}, bad + "3: Expected '<token>: <value>', got 'EntryPoint'"},
-        {"entrypoint: a.pl\n", {}, "Unable to parse spec file: Illegal parameter found in " + spec + ": entrypoint"},
-        {"EntryPoint : a.pl\n", {}, "Illegal parameter found in " + spec + ": EntryPoint "},
+        {"entrypoint: a.pl\n", {}, "Unable to parse spec file: Illegal parameter found in " + file + ": entrypoint"},
+        {"EntryPoint : a.pl\n", {}, "Illegal parameter found in " + file + ": EntryPoint "},
     };
     for (const auto& c : cases) {
-        write(spec, c.text);
+        write(file, c.text);
         Agent::ParseResult values;
-        const std::string text = failure([&] { values = Agent::parse(spec); });
+        const std::string text = failure([&] { values = Agent::parse(file); });
         EXPECT_EQ(c.values, values) << c.text;
         EXPECT_NE(std::string::npos, text.find(c.failure)) << text;
         EXPECT_EQ(c.failure.empty(), text.empty()) << text;
@@ -111,16 +111,16 @@ TEST(AgentSpec, TokenValueLines) {
     EXPECT_EQ(Agent::ParseResult(), Agent::parse((scratch / "none").string()));
 }
 
-TEST(AgentSpec, OnlyPlainNamesOfValidAgentsAreFound) {
+TEST(AgentDescription, OnlyPlainNamesOfValidAgentsAreFound) {
     const fs::path agents = scratch / "QMV" / "agents";
     write(agents / "inner" / "control" / "spec", "EntryPoint: inner.pl\n");
     write(agents / "broken" / "control" / "spec", "EntryPoint: a.pl\nBogus: 1\n");
     write(agents / "control" / "spec", "EntryPoint: x.pl\n");
     write(scratch / "QMV" / "outside" / "control" / "spec", "EntryPoint: x.pl\n");
-    fs::create_directories(agents / "nospec" / "control");
-    fs::create_directories(agents / "specdir" / "control" / "spec");
-    for (const std::string& name : Words{"", ".", "..", "../outside", "inner/", "./inner", "/inner", "late", "nospec",
-                                         "specdir", "broken", std::string("inner\0x", 7)})
+    fs::create_directories(agents / "nofile" / "control");
+    fs::create_directories(agents / "filedir" / "control" / "spec");
+    for (const std::string& name : Words{"", ".", "..", "../outside", "inner/", "./inner", "/inner", "late", "nofile",
+                                         "filedir", "broken", std::string("inner\0x", 7)})
         EXPECT_EQ(0u, failure([&] { theAgentsFactory().getAgent(name); }).find("AgentNotFound")) << name;
     EXPECT_EQ("inner.pl", theAgentsFactory().getAgent("inner")->getEntryPoint());
     // A failure is not remembered.
