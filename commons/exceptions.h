@@ -1,6 +1,6 @@
-// The one exception family of vantrel: a failure kind is a tag function, the
-// exception type is Exc<&Tag>; a throw site feeds the message placeholders with
-// operator% and records where it threw:
+// The one exception family of vantrel: a failure kind is a tag object holding
+// its code and message format, the exception type is Exc<&Tag>; a throw site
+// feeds the message placeholders with operator% and records where it threw:
 //
 //     throw VELMO_EXC(SudoNotAllowed) % login % host;
 //     throw VELMO_EXC_INNER(CantRetrieveDump, caught);
@@ -20,10 +20,17 @@ public:
     virtual Cloneable* clone() const = 0;
 };
 
+// A failure kind: the code reported for it and its message format. Each tag is
+// one object, so that its address tells it apart from every other tag.
+struct ExTag {
+    const char* code;
+    const char* format;
+};
+
 // Tags declared outside the namespace.
-bool OptParsingError(bool);
-bool NoAgentDirectory(bool);
-bool NoSharedAgentsDirectory(bool);
+extern const ExTag OptParsingError;
+extern const ExTag NoAgentDirectory;
+extern const ExTag NoSharedAgentsDirectory;
 
 namespace velmo {
 
@@ -91,24 +98,14 @@ private:
     std::unique_ptr<ExTraceable> inner_;
 };
 
-typedef bool (*ExTag)(bool);
-
-// Code and message format of a tag; throws std::logic_error for a tag that is
-// not in the table.
-struct ExTagInfo {
-    const char* code;
-    const char* format;
-};
-const ExTagInfo& exTagInfo(ExTag tag);
-
-template <ExTag tag>
+template <const ExTag* tag>
 class Exc : public ExTaggedIncludable {
 public:
     Exc(const std::string& context, const std::string& file, int line)
-        : ExTaggedIncludable(exTagInfo(tag).code, exTagInfo(tag).format),
+        : ExTaggedIncludable(tag->code, tag->format),
           context_(context), file_(file), line_(line) {}
     Exc(const ExTraceable& inner, const std::string& context, const std::string& file, int line)
-        : ExTaggedIncludable(exTagInfo(tag).code, exTagInfo(tag).format, inner),
+        : ExTaggedIncludable(tag->code, tag->format, inner),
           context_(context), file_(file), line_(line) {}
 
     Exc* clone() const override { return new Exc(*this); }
@@ -140,7 +137,8 @@ private:
     int line_;
 };
 
-// A new random identifier of the form xxxxxxxx-xxxx-4xxx-8xxx-xxxxxxxxxxxx.
+// A new random identifier of the form xxxxxxxx-xxxx-4xxx-8xxx-xxxxxxxxxxxx,
+// drawn from the system's random source.
 std::string newUUID();
 
 // Renders an exception and its inner exceptions as plain text.
@@ -173,56 +171,55 @@ private:
 
 std::string formatPlainTextMessage(const ExTraceable& e);
 
-// The tags of the system, in the order of the table in exceptions.cpp.
-bool UnknownAction(bool);
-bool HostNotFound(bool);
-bool ConnectionRefused(bool);
-bool ConnectionTimedOut(bool);
-bool NetworkUnreachable(bool);
-bool HostUnreachable(bool);
-bool ConnectionFault(bool);
-bool InvalidHandle(bool);
-bool UnableToStartSshSession(bool);
-bool SshAuthorizationFailed(bool);
-bool SshInvalidCredentials(bool);
-bool SshConnectionFault(bool);
-bool UnableToSendEof(bool);
-bool StreamRead(bool);
-bool StreamWrite(bool);
-bool SudoNotFound(bool);
-bool SudoNotAllowed(bool);
-bool CantTakeFileOwnership(bool);
-bool UnableToOpenScoutFile(bool);
-bool FailedToExecuteScout(bool);
-bool CantCreateAgentDirectory(bool);
-bool CantRequestAgentStatus(bool);
-bool DumpStatusError(bool);
-bool CantRetrieveDump(bool);
-bool CantRetrieveDumpFile(bool);
-bool FileWrite(bool);
-bool CantRetrieveContentList(bool);
-bool CantRetrieveContentFile(bool);
-bool UnableToRemoveRemoteFile(bool);
-bool NotEnoughSpace(bool);
-bool AgentNotFound(bool);
-bool ParseFailed(bool);
-bool UnableToCreateSession(bool);
-bool NoParentNode(bool);
-bool AssertionFailed(bool);
-bool tError_XmlInternal(bool);
-bool tError_SaveFile(bool);
-bool tError_ParseFile(bool);
-bool tError_WrongInputFile(bool);
-bool tError_EmptyDoc(bool);
-bool tError_WrongDoc(bool);
-bool NoSuchAttribute(bool);
-bool tError_XPath_CantEvaluate(bool);
-bool tError_XPath_TypesMismatch(bool);
-bool CantRenameFile(bool);
-bool CantStatFS(bool);
-bool CantCreateTempFile(bool);
+// The tags of the system; exceptions.cpp gives their codes and formats.
+extern const ExTag UnknownAction;
+extern const ExTag HostNotFound;
+extern const ExTag ConnectionRefused;
+extern const ExTag ConnectionTimedOut;
+extern const ExTag NetworkUnreachable;
+extern const ExTag HostUnreachable;
+extern const ExTag ConnectionFault;
+extern const ExTag InvalidHandle;
+extern const ExTag UnableToStartSshSession;
+extern const ExTag SshAuthorizationFailed;
+extern const ExTag SshInvalidCredentials;
+extern const ExTag SshConnectionFault;
+extern const ExTag UnableToSendEof;
+extern const ExTag StreamRead;
+extern const ExTag StreamWrite;
+extern const ExTag SudoNotFound;
+extern const ExTag SudoNotAllowed;
+extern const ExTag CantTakeFileOwnership;
+extern const ExTag UnableToOpenScoutFile;
+extern const ExTag FailedToExecuteScout;
+extern const ExTag CantCreateAgentDirectory;
+extern const ExTag CantRequestAgentStatus;
+extern const ExTag DumpStatusError;
+extern const ExTag CantRetrieveDump;
+extern const ExTag CantRetrieveDumpFile;
+extern const ExTag FileWrite;
+extern const ExTag CantRetrieveContentList;
+extern const ExTag CantRetrieveContentFile;
+extern const ExTag UnableToRemoveRemoteFile;
+extern const ExTag NotEnoughSpace;
+extern const ExTag AgentNotFound;
+extern const ExTag ParseFailed;
+extern const ExTag UnableToCreateSession;
+extern const ExTag AssertionFailed;
+extern const ExTag tError_XmlInternal;
+extern const ExTag tError_SaveFile;
+extern const ExTag tError_ParseFile;
+extern const ExTag tError_WrongInputFile;
+extern const ExTag tError_EmptyDoc;
+extern const ExTag tError_WrongDoc;
+extern const ExTag NoSuchAttribute;
+extern const ExTag tError_XPath_CantEvaluate;
+extern const ExTag tError_XPath_TypesMismatch;
+extern const ExTag CantRenameFile;
+extern const ExTag CantStatFS;
+extern const ExTag CantCreateTempFile;
 // Refusal of a content list entry that would leave the content directory.
-bool UnsafeContentFileName(bool);
+extern const ExTag UnsafeContentFileName;
 
 }  // namespace velmo
 
