@@ -69,13 +69,15 @@ int main(int argc, char** argv) {
         return usage();
 
     try {
-        velmo::Ssh ssh(host, login, password, false, port);
         if (methods) {
-            LIBSSH2_SESSION* session = ssh.session().get();
-            std::cout << "cipher " << method(session, LIBSSH2_METHOD_CRYPT_SC) << " mac "
-                      << method(session, LIBSSH2_METHOD_MAC_SC) << std::endl;
+            // The handshake alone settles the methods.
+            velmo::Socket socket(host, port);
+            velmo::libssh2pp::Session session(socket.fd(), false, false);
+            std::cout << "cipher " << method(session.get(), LIBSSH2_METHOD_CRYPT_SC) << " mac "
+                      << method(session.get(), LIBSSH2_METHOD_MAC_SC) << std::endl;
             return 0;
         }
+        velmo::Ssh ssh(host, login, password, false, port);
         std::ostringstream err;
         ByteCounter counter;
         const int status = ssh.get(local, err, remote, counter);

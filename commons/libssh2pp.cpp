@@ -24,12 +24,10 @@ static const unsigned kWindowSize = 65536;
 static const unsigned kPacketSize = 16384;
 
 void qmv_libssh2_channel_free(LIBSSH2_CHANNEL* channel) {
-    AlarmSignalBlock quiet;
     (void)libssh2_channel_free(channel);
 }
 
 void qmv_libssh2_session_free(LIBSSH2_SESSION* session) {
-    AlarmSignalBlock quiet;
     (void)libssh2_session_free(session);
 }
 
@@ -48,10 +46,7 @@ int Channel::poll(int timeout) {
     // error arriving alone does not have to sit out the time-out.
     entry.events = LIBSSH2_POLLFD_POLLIN | LIBSSH2_POLLFD_POLLEXT;
     entry.revents = 0;
-    {
-        AlarmSignalBlock quiet;
-        libssh2_poll(&entry, 1, timeout);
-    }
+    libssh2_poll(&entry, 1, timeout);
     const unsigned long bothClosed = LIBSSH2_POLLFD_SESSION_CLOSED | LIBSSH2_POLLFD_CHANNEL_CLOSED;
     if ((entry.revents & bothClosed) == bothClosed)
         throw VELMO_EXC(SshConnectionFault);
@@ -90,11 +85,7 @@ Session::Session(int socket, bool disableEncryption, bool compatibilityMode, lon
         (void)libssh2_session_method_pref(session, LIBSSH2_METHOD_KEX, "diffie-hellman-group1-sha1");
 
     armLoginTimeout("handshake");
-    int rc;
-    {
-        AlarmSignalBlock quiet;
-        rc = libssh2_session_handshake(session, socket);
-    }
+    const int rc = libssh2_session_handshake(session, socket);
     if (rc != 0) {
         // A peer that says nothing is not one to retry in another mode.
         checkLoginTimeout("handshake");
@@ -150,11 +141,7 @@ std::string Session::lastError() const {
 
 void Session::getAuthMethodsList(const std::string& login, std::vector<std::string>& methods) {
     sessionLogger.debugStream() << "Getting userauth methods for user '" << login << "'";
-    const char* raw;
-    {
-        AlarmSignalBlock quiet;
-        raw = libssh2_userauth_list(get(), login.c_str(), static_cast<unsigned>(login.size()));
-    }
+    const char* raw = libssh2_userauth_list(get(), login.c_str(), static_cast<unsigned>(login.size()));
     if (raw == nullptr)
         checkLoginTimeout("authentication");
     // The library owns this string and frees it with the session: copy it,
@@ -190,13 +177,9 @@ void Session::authorize(const std::string& login, const std::string& password) {
     if (offered("password")) {
         sessionLogger.debugStream() << "Trying 'password' authentication";
         armLoginTimeout("authentication");
-        int rc;
-        {
-            AlarmSignalBlock quiet;
-            rc = libssh2_userauth_password_ex(get(), login.c_str(), static_cast<unsigned>(login.size()),
-                                              password.c_str(), static_cast<unsigned>(password.size()),
-                                              nullptr);
-        }
+        const int rc = libssh2_userauth_password_ex(get(), login.c_str(), static_cast<unsigned>(login.size()),
+                                                    password.c_str(), static_cast<unsigned>(password.size()),
+                                                    nullptr);
         // A peer that stopped answering gets no second method.
         if (rc == LIBSSH2_ERROR_TIMEOUT)
             checkLoginTimeout("authentication");
@@ -210,13 +193,9 @@ void Session::authorize(const std::string& login, const std::string& password) {
         void** slot = libssh2_session_abstract(get());
         *slot = const_cast<std::string*>(&password);
         armLoginTimeout("authentication");
-        int rc;
-        {
-            AlarmSignalBlock quiet;
-            rc = libssh2_userauth_keyboard_interactive_ex(get(), login.c_str(),
-                                                          static_cast<unsigned>(login.size()),
-                                                          &Session::userauth_callback);
-        }
+        const int rc = libssh2_userauth_keyboard_interactive_ex(get(), login.c_str(),
+                                                                static_cast<unsigned>(login.size()),
+                                                                &Session::userauth_callback);
         *slot = nullptr;
         if (rc == LIBSSH2_ERROR_TIMEOUT)
             checkLoginTimeout("authentication");
@@ -255,11 +234,7 @@ void Session::userauth_callback(const char* /*name*/, int /*name_len*/, const ch
 }
 
 LIBSSH2_CHANNEL* Session::openSessionChannel() {
-    LIBSSH2_CHANNEL* channel;
-    {
-        AlarmSignalBlock quiet;
-        channel = libssh2_channel_open_ex(get(), "session", 7, kWindowSize, kPacketSize, nullptr, 0);
-    }
+    LIBSSH2_CHANNEL* channel = libssh2_channel_open_ex(get(), "session", 7, kWindowSize, kPacketSize, nullptr, 0);
     // Only the reserve channel is opened while the login time runs.
     if (channel == nullptr)
         checkLoginTimeout("authentication");
@@ -269,7 +244,6 @@ LIBSSH2_CHANNEL* Session::openSessionChannel() {
 std::unique_ptr<Channel> Session::openExecChannel(const std::string& command, Channel::Mode mode) {
     sessionLogger.debugStream() << "Opening SSH channel for command '" << maskSecrets(command) << "'";
     std::unique_ptr<Channel> channel(new Channel(openSessionChannel()));
-    AlarmSignalBlock quiet;
     libssh2_channel_set_blocking(channel->get(), mode);
     (void)libssh2_channel_process_startup(channel->get(), "exec", 4, command.c_str(),
                                           static_cast<unsigned>(command.size()));
@@ -279,7 +253,6 @@ std::unique_ptr<Channel> Session::openExecChannel(const std::string& command, Ch
 void Session::create_reserve_channel() {
     sessionLogger.debugStream() << "Create a reserve channel";
     reserveChannel_.reset(new Channel(openSessionChannel()));
-    AlarmSignalBlock quiet;
     libssh2_channel_set_blocking(reserveChannel_->get(), Channel::NonBlocking);
     (void)libssh2_channel_process_startup(reserveChannel_->get(), "exec", 4, "cat", 3);
     // This library keeps the blocking mode per session, not per channel: put

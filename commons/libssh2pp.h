@@ -15,8 +15,7 @@
 namespace velmo {
 namespace libssh2pp {
 
-// Release functions of the right shape for Handle. Both keep SIGALRM back
-// while the library closes the channel or the session.
+// Release functions of the right shape for Handle.
 void qmv_libssh2_channel_free(LIBSSH2_CHANNEL* channel);
 void qmv_libssh2_session_free(LIBSSH2_SESSION* session);
 
@@ -73,9 +72,6 @@ public:
     // Opens the reserve channel: "cat" waiting on the remote side for input
     // that never comes, kept open until the session ends.
     void create_reserve_channel();
-
-    bool compatibilityMode() const { return compatibilityMode_; }
-    const Channel* reserveChannel() const { return reserveChannel_.get(); }
 
     // The library's text for the last error of the session.
     std::string lastError() const;

@@ -19,26 +19,11 @@ namespace velmo {
 
 static log4cpp::Category& logger = log4cpp::Category::getInstance("p.libssh2pp.Socket");
 
-AlarmSignalBlock::AlarmSignalBlock() {
-    sigset_t alarmOnly;
-    sigemptyset(&alarmOnly);
-    sigaddset(&alarmOnly, SIGALRM);
-    sigprocmask(SIG_BLOCK, &alarmOnly, &saved_);
-}
-
-AlarmSignalBlock::~AlarmSignalBlock() {
-    sigprocmask(SIG_SETMASK, &saved_, nullptr);
-}
-
 addrinfo* Socket::gethostbyname(const std::string& host, unsigned short port) {
     logger.errorStream() << "Resolving " << host;
     const std::string service = std::to_string(static_cast<unsigned>(port));
     addrinfo* list = nullptr;
-    int code;
-    {
-        AlarmSignalBlock quiet;
-        code = getaddrinfo(host.c_str(), service.c_str(), nullptr, &list);
-    }
+    const int code = getaddrinfo(host.c_str(), service.c_str(), nullptr, &list);
     if (code == 0)
         return list;
     const std::string reason = gai_strerror(code);
@@ -58,15 +43,8 @@ Socket::Socket(const std::string& host, unsigned short port) : fd_(-1), addresse
         throw std::runtime_error(std::string("socket: ") + std::strerror(error));
     }
 
-    int rc;
-    int error = 0;
-    {
-        AlarmSignalBlock quiet;
-        rc = ::connect(fd_, addresses_->ai_addr, addresses_->ai_addrlen);
-        if (rc != 0)
-            error = errno;
-    }
-    if (rc != 0) {
+    if (::connect(fd_, addresses_->ai_addr, addresses_->ai_addrlen) != 0) {
+        const int error = errno;
         const std::string reason = std::strerror(error);
         logger.errorStream() << "Unable to open socket to " << host << ":" << port << ": " << reason << "\n";
         freeaddrinfo(addresses_);

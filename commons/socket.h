@@ -1,36 +1,12 @@
-// The TCP connection to the source host, and the guard that keeps SIGALRM
-// away from the system calls of the transport.
+// The TCP connection to the source host.
 #ifndef VANTREL_COMMONS_SOCKET_H
 #define VANTREL_COMMONS_SOCKET_H
 
 #include <string>
 
 #include <netdb.h>
-#include <signal.h>
 
 namespace velmo {
-
-// Holds SIGALRM back for as long as it lives and restores the previous signal
-// mask afterwards; a signal that came meanwhile is delivered at that moment.
-//
-// Why: the actions arm SIGALRM every 5 seconds with a handler installed
-// without SA_RESTART, and the SSH library gives up on a system call that a
-// signal interrupts (EINTR) as if the connection had failed. Every call into
-// the library, and the resolver and connect() here, therefore runs inside one
-// of these guards. The handler itself only marks the connection for a status
-// refresh, so delaying it until the current call returns changes nothing: the
-// execution loop picks the mark up at its next pass, which comes at least
-// every 5 seconds. Guards nest.
-class AlarmSignalBlock {
-public:
-    AlarmSignalBlock();
-    ~AlarmSignalBlock();
-    AlarmSignalBlock(const AlarmSignalBlock&) = delete;
-    AlarmSignalBlock& operator=(const AlarmSignalBlock&) = delete;
-
-private:
-    sigset_t saved_;
-};
 
 class Socket {
 public:

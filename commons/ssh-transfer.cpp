@@ -1,5 +1,6 @@
 #include "commons/ssh-transfer.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -33,20 +34,19 @@ static const int kPollTimeoutMs = 5000;
 static const long kDefaultLoginTimeoutSec = 30;
 static const long kMaxLoginTimeoutSec = 24 * 3600;
 
-Alarm::~Alarm() {}
 IOReadChannel::~IOReadChannel() {}
 IOWriteChannel::~IOWriteChannel() {}
 Ssh::Counter::~Counter() {}
 
 Ssh::NullCounter Ssh::null_counter;
 
-volatile bool isProgramTerminated = false;
+volatile std::sig_atomic_t isProgramTerminated = 0;
 
 MigrationTerminatedException::MigrationTerminatedException()
     : std::runtime_error("Migration has been terminated") {}
 
 void terminateProgram() {
-    isProgramTerminated = true;
+    isProgramTerminated = 1;
 }
 
 void checkProgramTerminated() {
@@ -69,7 +69,6 @@ int IOStreamWriteChannel::write(const char* data, unsigned size) {
 }
 
 int SshChannelWriteChannel::write(const char* data, unsigned size) {
-    AlarmSignalBlock quiet;
     return static_cast<int>(libssh2_channel_write_ex(channel_.get(), 0, data, size));
 }
 
@@ -149,9 +148,20 @@ static long loginTimeoutSec() {
 }
 
 Ssh::Ssh(const std::string& host, const std::string& login, const std::string& password,
-         bool disableEncryption, unsigned short port)
-    : alarm_(nullptr) {
+         bool disableEncryption, unsigned short port) {
     addSecret(password);
+    try {
+        logIn(host, login, password, disableEncryption, port);
+    } catch (const ExTraceable&) {
+        // A stop request cuts the library's waits short: what fails then
+        // fails because of the stop.
+        checkProgramTerminated();
+        throw;
+    }
+}
+
+void Ssh::logIn(const std::string& host, const std::string& login, const std::string& password,
+                bool disableEncryption, unsigned short port) {
     const long limitMs = loginTimeoutSec() * 1000;
     const auto start = std::chrono::steady_clock::now();
     logger.debugStream() << "SSH handshake and authentication may take up to " << limitMs / 1000 << " s";
@@ -206,8 +216,46 @@ static bool isSocketError(ssize_t rc) {
            rc == LIBSSH2_ERROR_SOCKET_DISCONNECT || rc == LIBSSH2_ERROR_SOCKET_TIMEOUT;
 }
 
+void Ssh::setPeriodic(std::chrono::milliseconds interval, std::function<bool()> task) {
+    periodic_ = std::move(task);
+    periodicInterval_ = interval;
+    periodicDue_ = std::chrono::steady_clock::now() + interval;
+}
+
+int Ssh::runPeriodicTask() {
+    using namespace std::chrono;
+    if (!periodic_)
+        return kPollTimeoutMs;
+    if (steady_clock::now() >= periodicDue_) {
+        // The task may run commands of its own on this connection: it is
+        // taken out so that their loops do not run it again.
+        std::function<bool()> task = std::move(periodic_);
+        periodic_ = nullptr;
+        if (task() && !periodic_) {
+            periodic_ = std::move(task);
+            periodicDue_ = steady_clock::now() + periodicInterval_;
+        }
+        if (!periodic_)
+            return kPollTimeoutMs;
+    }
+    const auto left = duration_cast<milliseconds>(periodicDue_ - steady_clock::now()).count();
+    return static_cast<int>(std::max<long long>(0, std::min<long long>(left, kPollTimeoutMs)));
+}
+
 int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
               bool quietOutput, bool quietInput, Counter& counter) {
+    try {
+        return execChannel(command, in, out, err, quietOutput, quietInput, counter);
+    } catch (const ExTraceable&) {
+        // A stop request cuts the library's waits short: what fails then
+        // fails because of the stop.
+        checkProgramTerminated();
+        throw;
+    }
+}
+
+int Ssh::execChannel(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
+                     bool quietOutput, bool quietInput, Counter& counter) {
     logger.debugStream() << "Executing " << maskSecrets(command) << " on the remote host";
     std::unique_ptr<libssh2pp::Channel> channel =
         session_->openExecChannel(command, libssh2pp::Channel::Blocking);
@@ -222,11 +270,7 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
             pump_with_log(input, toRemote, *this);
     }
 
-    int rc;
-    {
-        AlarmSignalBlock quiet;
-        rc = libssh2_channel_send_eof(raw);
-    }
+    int rc = libssh2_channel_send_eof(raw);
     if (rc < 0)
         throw VELMO_EXC(UnableToSendEof) % session_->lastError();
 
@@ -244,7 +288,6 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
     // standard error also answers for queued standard output, so standard
     // error is read that way only when no standard output is queued.
     const auto readNow = [&](int stream) -> ssize_t {
-        AlarmSignalBlock quiet;
         libssh2_channel_set_blocking(raw, libssh2pp::Channel::NonBlocking);
         ssize_t got = libssh2_channel_read_ex(raw, stream, buffer.data(), kChunkSize);
         libssh2_channel_set_blocking(raw, libssh2pp::Channel::Blocking);
@@ -257,14 +300,10 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
         return got == LIBSSH2_ERROR_EAGAIN ? 0 : got;
     };
     for (;;) {
-        {
-            AlarmSignalBlock quiet;
-            if (libssh2_channel_eof(raw) != 0)
-                break;
-        }
-
-        if (Alarm* alarm = alarm_.load())
-            alarm->doAlarm();
+        checkProgramTerminated();
+        if (libssh2_channel_eof(raw) != 0)
+            break;
+        const int waitMs = runPeriodicTask();
 
         bool readSomething = false;
         ssize_t n = readNow(0);
@@ -292,15 +331,9 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
         if (readSomething)
             continue;
 
-        bool atEnd;
-        bool queued;
-        {
-            AlarmSignalBlock quiet;
-            atEnd = libssh2_channel_eof(raw) != 0;
-            queued = libssh2_poll_channel_read(raw, 1) != 0;
-        }
-        if (atEnd)
+        if (libssh2_channel_eof(raw) != 0)
             break;
+        const bool queued = libssh2_poll_channel_read(raw, 1) != 0;
         if (queued) {
             // Queued data that no read would take (a window adjustment the
             // socket did not accept yet, say): give it a moment rather than
@@ -310,11 +343,10 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
         }
         if (connectionLost())
             throw VELMO_EXC(SshConnectionFault);
-        const int events = channel->poll(kPollTimeoutMs);
+        const int events = channel->poll(waitMs);
         // A channel closed by the peer without an end of file would otherwise
         // keep the loop spinning.
         if (events & LIBSSH2_POLLFD_CHANNEL_CLOSED) {
-            AlarmSignalBlock quiet;
             if (!libssh2_poll_channel_read(raw, 1) && libssh2_channel_eof(raw) == 0) {
                 closedWithoutEof = true;
                 break;
@@ -322,15 +354,11 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
         }
     }
 
-    int status;
     char* signalName = nullptr;
-    {
-        AlarmSignalBlock quiet;
-        rc = closedWithoutEof ? 0 : libssh2_channel_wait_closed(raw);
-        status = libssh2_channel_get_exit_status(raw);
-        if (rc == 0)
-            libssh2_channel_get_exit_signal(raw, &signalName, nullptr, nullptr, nullptr, nullptr, nullptr);
-    }
+    rc = closedWithoutEof ? 0 : libssh2_channel_wait_closed(raw);
+    int status = libssh2_channel_get_exit_status(raw);
+    if (rc == 0)
+        libssh2_channel_get_exit_signal(raw, &signalName, nullptr, nullptr, nullptr, nullptr, nullptr);
     // Without the close the status is unknown: the library would say 0.
     if (rc < 0)
         throw VELMO_EXC(SshConnectionFault);

@@ -3,8 +3,10 @@
 #ifndef VANTREL_COMMONS_SSH_TRANSFER_H
 #define VANTREL_COMMONS_SSH_TRANSFER_H
 
-#include <atomic>
+#include <chrono>
+#include <csignal>
 #include <cstddef>
+#include <functional>
 #include <istream>
 #include <memory>
 #include <ostream>
@@ -16,13 +18,6 @@
 
 namespace velmo {
 
-// Hook called by the execution loop at every pass while it is set.
-class Alarm {
-public:
-    virtual ~Alarm();
-    virtual void doAlarm() = 0;
-};
-
 // A stop request: every transfer ends at its next chunk. Stands outside the
 // tagged exceptions; the driver treats it as a clean stop.
 class MigrationTerminatedException : public std::runtime_error {
@@ -30,8 +25,9 @@ public:
     MigrationTerminatedException();
 };
 
-// Process-wide termination flag; may be set from a signal handler.
-extern volatile bool isProgramTerminated;
+// Process-wide termination flag. terminateProgram() only stores into it, so
+// it may be called from a signal handler.
+extern volatile std::sig_atomic_t isProgramTerminated;
 void terminateProgram();
 // Throws MigrationTerminatedException once the flag is set.
 void checkProgramTerminated();
@@ -113,9 +109,12 @@ public:
     Ssh(const Ssh&) = delete;
     Ssh& operator=(const Ssh&) = delete;
 
-    // Sets or clears the hook of the execution loop; safe from a signal
-    // handler.
-    void setAlarm(Alarm* alarm) { alarm_.store(alarm); }
+    // Work the execution loop does about every interval while a remote command
+    // runs, at a pass between two reads; it may use this connection. The loop
+    // never waits longer than the time left until the task is due. The task
+    // returns false to stop being run; it is not run again while it runs.
+    void setPeriodic(std::chrono::milliseconds interval, std::function<bool()> task);
+    void clearPeriodic() { periodic_ = nullptr; }
 
     // Runs command with in as its standard input (sent whole, then EOF) and
     // copies its standard output and error into out and err as they arrive.
@@ -144,14 +143,21 @@ public:
     // Logs one chunk of standard input, passwords masked.
     static void logPump(const char* data, int length);
 
-    libssh2pp::Session& session() { return *session_; }
-
 private:
+    void logIn(const std::string& host, const std::string& login, const std::string& password,
+               bool disableEncryption, unsigned short port);
+    int execChannel(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
+                    bool quietOutput, bool quietInput, Counter& counter);
     bool connectionLost() const;
+    // Runs the periodic task when it is due; returns the milliseconds the loop
+    // may wait at most before it is due again.
+    int runPeriodicTask();
 
     std::unique_ptr<Socket> socket_;
     std::unique_ptr<libssh2pp::Session> session_;
-    std::atomic<Alarm*> alarm_;
+    std::function<bool()> periodic_;
+    std::chrono::milliseconds periodicInterval_{0};
+    std::chrono::steady_clock::time_point periodicDue_;
 };
 
 // Copies from into to until the end of from, in chunks of 65536 bytes;

@@ -38,8 +38,6 @@ std::string decimal(int64_t value) { return boost::lexical_cast<std::string>(val
 
 }  // namespace
 
-Action* volatile pAction = nullptr;
-
 std::string commandLine(const std::vector<std::string>& words) {
     std::string line;
     for (const std::string& word : words) {
@@ -63,7 +61,7 @@ void writeNameFile(const std::string& path, const std::string& text) {
 
 // ---------------------------------------------------------------- Action
 
-Action::Action(bool withStatus) : cfg(nullptr), result(nullptr), sudoChecked(false) {
+Action::Action(bool withStatus) : cfg(nullptr), sudoChecked(false) {
     if (withStatus) {
         status = createMigrationStatusFile();
         status->setIdle();
@@ -72,7 +70,6 @@ Action::Action(bool withStatus) : cfg(nullptr), result(nullptr), sudoChecked(fal
 }
 
 Action::~Action() {
-    if (pAction == this) pAction = nullptr;
     if (status) {
         try {
             status->setIdle();
@@ -88,8 +85,6 @@ Action::~Action() {
 }
 
 void Action::setConfig(const config* c) { cfg = c; }
-
-void Action::setResult(Result* r) { result = r; }
 
 Ssh* Action::getSsh() {
     if (!ssh) {
@@ -168,58 +163,6 @@ void Action::takeFile(const std::string& remotePath) {
     if (rc != 0) throw VELMO_EXC(CantTakeFileOwnership) % remotePath % err.str();
 }
 
-void Action::setAlarmFunction() {
-    // Runs inside the signal handler: only mark the connection, never make one.
-    if (ssh) ssh->setAlarm(this);
-}
-
-void Action::doAlarm() {
-    Action* armed = pAction;
-    pAction = nullptr;
-    try {
-        const std::string remote = cfg->agentDir + "/" + files::getRemoteDumpingStatusFileName();
-        getSsh()->setAlarm(nullptr);
-        const std::string local = theSession->getDumpingStatusFileName();
-        getSsh()->get(local + ".tmp", remote);
-        std::rename((local + ".tmp").c_str(), local.c_str());
-        alarm(5);
-        pAction = armed;
-    } catch (const ExTraceable& e) {
-        // The refresh stops for the rest of the run; the action goes on.
-        debugLog(e);
-    } catch (const std::exception& e) {
-        debugLog(std::string("Dumping status refresh failed: ") + e.what());
-    }
-}
-
-namespace {
-void installStatusHandler() {
-    struct sigaction sa;
-    std::memset(&sa, 0, sizeof sa);
-    sa.sa_handler = update_status;
-    sigemptyset(&sa.sa_mask);
-    sa.sa_flags = 0;
-    sigaction(SIGALRM, &sa, nullptr);
-}
-}  // namespace
-
-void update_status(int) {
-    int savedErrno = errno;
-    Action* action = pAction;
-    if (action != nullptr) {
-        action->setAlarmFunction();
-        installStatusHandler();
-        alarm(5);
-    }
-    errno = savedErrno;
-}
-
-void armStatusRefresh(Action* action) {
-    pAction = action;
-    installStatusHandler();
-    alarm(5);
-}
-
 // ---------------------------------------------------------------- scout
 
 void SendScoutAction::execute() {
@@ -251,9 +194,25 @@ void RetrieveDumpAction::execute() {
     try {
         retrieve();
     } catch (const ExTraceable& e) {
-        pAction = nullptr;
         throw VELMO_EXC_INNER(CantRetrieveDump, e);
     }
+}
+
+bool RetrieveDumpAction::refreshDumpingStatus() {
+    try {
+        const std::string remote = cfg->agentDir + "/" + files::getRemoteDumpingStatusFileName();
+        const std::string local = theSession->getDumpingStatusFileName();
+        // A failed read leaves no temporary file, and the last copy stays.
+        getSsh()->get(local + ".tmp", remote);
+        std::rename((local + ".tmp").c_str(), local.c_str());
+        return true;
+    } catch (const ExTraceable& e) {
+        // The refresh stops for the rest of the run; the action goes on.
+        debugLog(e);
+    } catch (const std::exception& e) {
+        debugLog(std::string("Dumping status refresh failed: ") + e.what());
+    }
+    return false;
 }
 
 void RetrieveDumpAction::retrieve() {
@@ -269,17 +228,24 @@ void RetrieveDumpAction::retrieve() {
     if (cfg->noContent) words.push_back("--no-content");
     const std::string command = commandLine(words);
 
-    armStatusRefresh(this);
+    // While the agent works, its dumping status is copied into the session
+    // every 5 seconds.
+    getSsh()->setPeriodic(std::chrono::seconds(5), [this] { return refreshDumpingStatus(); });
     std::ostringstream out, err;
     int rc;
-    if (!standardInput_.empty()) {
-        std::istringstream in(standardInput_);
-        rc = execRoot(command, in, out, err, false, false);
-    } else {
-        rc = execRoot(command, out, err, false);
+    try {
+        if (!standardInput_.empty()) {
+            std::istringstream in(standardInput_);
+            rc = execRoot(command, in, out, err, false, false);
+        } else {
+            rc = execRoot(command, out, err, false);
+        }
+    } catch (...) {
+        getSsh()->clearPeriodic();
+        throw;
     }
+    getSsh()->clearPeriodic();
     if (rc != 0) throw VELMO_EXC(CantRetrieveDumpFile) % err.str();
-    pAction = nullptr;
 
     takeFile(remoteDump);
     const std::string localDump = theSession->getDumpFileName();

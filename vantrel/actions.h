@@ -4,7 +4,6 @@
 #ifndef VANTREL_ACTIONS_H
 #define VANTREL_ACTIONS_H
 
-#include <csignal>
 #include <ctime>
 #include <istream>
 #include <memory>
@@ -18,20 +17,14 @@
 
 namespace velmo {
 
-// Result object of an action; the driver never sets one.
-class Result;
-
-class Action : public Alarm {
+class Action {
 public:
     explicit Action(bool withStatus);
-    ~Action() override;
+    virtual ~Action();
     Action(const Action&) = delete;
     Action& operator=(const Action&) = delete;
 
-    // Copies the agent's dumping status into the session directory.
-    void doAlarm() override;
     virtual void setConfig(const config* cfg);
-    virtual void setResult(Result* result);
     virtual void execute() = 0;
 
     // The connection of the run, made on first use.
@@ -50,24 +43,12 @@ public:
     // Makes the login the owner of a file root created on the remote host.
     void takeFile(const std::string& remotePath);
 
-    // Called from the SIGALRM handler: asks the execution loop to call doAlarm.
-    void setAlarmFunction();
-
 protected:
     std::unique_ptr<Ssh> ssh;
     const config* cfg;
-    Result* result;
     std::unique_ptr<MigrationStatus> status;
     bool sudoChecked;
 };
-
-// The action whose dumping-status refresh is armed; null when none is.
-extern Action* volatile pAction;
-
-// SIGALRM handler: marks the armed action for a refresh and re-arms the timer.
-void update_status(int signal);
-// Installs update_status for SIGALRM and arms the timer for 5 seconds.
-void armStatusRefresh(Action* action);
 
 class SendScoutAction : public Action {
 public:
@@ -80,11 +61,11 @@ public:
     RetrieveDumpAction(const std::vector<std::string>& arguments, const std::string& standardInput);
     void execute() override;
 
-    const std::vector<std::string>& getArguments() const { return arguments_; }
-    const std::string& getStandardInput() const { return standardInput_; }
-
 private:
     void retrieve();
+    // Copies the agent's dumping status into the session directory; false
+    // once that failed, which ends the refresh for the rest of the run.
+    bool refreshDumpingStatus();
 
     std::vector<std::string> arguments_;
     std::string standardInput_;
