@@ -40,8 +40,10 @@ bool isDirectoryNoThrow(const fs::path& p) {
 const char* const AGENTS_SHARED_DIR = "shared";
 const char* const AGENTS_CONTROL_DIR = "control";
 
+namespace {
 const char* const theAgentSpecTokens[AGENT_SPEC_TOKENS] = {
     "Description", "EntryPoint", "DocumentType", "Stylesheet", "Interpreter"};
+}  // namespace
 
 bool isValidAgentName(const std::string& name) {
     return !name.empty() && name != "." && name != ".." &&
@@ -89,23 +91,17 @@ Agent::Agent(const std::string& name, const std::string& specPath) : name_(name)
     data_.stylesheet = values[3];
     data_.interpreter = values[4];
     agentLogger.infoStream() << "Agent " << name_;
-    logContents();
-}
-
-void Agent::logContents() const {
     agentLogger.infoStream() << "Description: " << data_.description;
     agentLogger.infoStream() << "EntryPoint: " << data_.entryPoint;
-    agentLogger.infoStream() << "DocumentType: " << getDocumentTypePath();
+    agentLogger.infoStream() << "DocumentType: "
+                             << (data_.documentType.empty() ? std::string()
+                                                            : files::agents::getDir() + "/" + name_ + "/" +
+                                                                  AGENTS_CONTROL_DIR + "/" + data_.documentType);
     agentLogger.infoStream() << "Interpreter: " << getEffectiveInterpreter();
 }
 
 std::string Agent::getEffectiveInterpreter() const {
     return data_.interpreter.empty() ? std::string("perl") : data_.interpreter;
-}
-
-std::string Agent::getDocumentTypePath() const {
-    if (data_.documentType.empty()) return std::string();
-    return files::agents::getDir() + "/" + name_ + "/" + AGENTS_CONTROL_DIR + "/" + data_.documentType;
 }
 
 boost::shared_ptr<Agent> AgentsFactory::getAgent(const std::string& name) {
@@ -128,10 +124,7 @@ bool AgentsFactory::parseAgent(const std::string& name) {
     }
     const fs::path root(files::agents::getDir());
     if (!isDirectoryNoThrow(root)) return false;
-    return parseAgent(name, root / name);
-}
-
-bool AgentsFactory::parseAgent(const std::string& name, const fs::path& agentPath) {
+    const fs::path agentPath = root / name;
     factoryLogger.infoStream() << "Parsing " << agentPath.string();
     const fs::path specPath = agentPath / AGENTS_CONTROL_DIR / "spec";
     if (!existsNoThrow(specPath) || isDirectoryNoThrow(specPath)) {
@@ -148,26 +141,8 @@ bool AgentsFactory::parseAgent(const std::string& name, const fs::path& agentPat
             (boost::format("%1% is not a valid agent spec file") % specPath.string()).str());
         return false;
     }
-    // The first agent filed under a name stays.
-    agents_.insert(AgentMap::value_type(agentPath.filename().string(), agent));
+    agents_.insert(AgentMap::value_type(name, agent));
     return true;
-}
-
-void AgentsFactory::getAllAgents() {
-    factoryLogger.infoStream() << "Parsing available agents info";
-    const fs::path root(files::agents::getDir());
-    boost::system::error_code ec;
-    fs::directory_iterator it(root, ec);
-    if (ec) {
-        factoryLogger.warnStream() << "Unable to list " << root.string() << ": " << ec.message();
-        return;
-    }
-    for (; it != fs::directory_iterator(); it.increment(ec)) {
-        if (ec) break;
-        const fs::path entry = it->path();
-        if (existsNoThrow(entry) && isDirectoryNoThrow(entry)) parseAgent(entry.filename().string());
-    }
-    if (ec) factoryLogger.warnStream() << "Unable to list " << root.string() << ": " << ec.message();
 }
 
 AgentsFactory& theAgentsFactory() { return theFactory; }

@@ -9,7 +9,6 @@
 #include <map>
 #include <string>
 
-#include <boost/filesystem/path.hpp>
 #include <boost/shared_ptr.hpp>
 
 namespace velmo {
@@ -21,9 +20,6 @@ extern const char* const AGENTS_CONTROL_DIR;
 
 // Number of tokens a spec file knows.
 const int AGENT_SPEC_TOKENS = 5;
-// The token names, in the order of Agent::Data and of Agent::parse's result:
-// "Description", "EntryPoint", "DocumentType", "Stylesheet", "Interpreter".
-extern const char* const theAgentSpecTokens[AGENT_SPEC_TOKENS];
 
 class Agent {
 public:
@@ -38,24 +34,18 @@ public:
 
     typedef std::array<std::string, AGENT_SPEC_TOKENS> ParseResult;
 
-    // Reads the spec file at specPath; the values in token table order. A
-    // file that cannot be opened gives five empty values. Throws
+    // Reads the spec file at specPath; the values of "Description",
+    // "EntryPoint", "DocumentType", "Stylesheet" and "Interpreter", in this
+    // order. A file that cannot be opened gives five empty values. Throws
     // Exc<&ParseFailed> on a malformed line.
     static ParseResult parse(const std::string& specPath);
 
     // Parses specPath (Exc<&ParseFailed> escapes) and logs the agent.
     Agent(const std::string& name, const std::string& specPath);
 
-    // Description, entry point, document type path and interpreter, at INFO.
-    void logContents() const;
-
-    const std::string& getName() const { return name_; }
-    const Data& getData() const { return data_; }
     const std::string& getEntryPoint() const { return data_.entryPoint; }
     // The Interpreter value, or "perl" when the spec file leaves it empty.
     std::string getEffectiveInterpreter() const;
-    // agents root/<name>/control/<DocumentType>, or empty without DocumentType.
-    std::string getDocumentTypePath() const;
 
 private:
     std::string name_;
@@ -74,14 +64,6 @@ public:
     // Looks name up under the agents root; true when the agent is now known.
     // Never throws for a missing or malformed agent.
     bool parseAgent(const std::string& name);
-    // Parses the agent whose directory is agentPath and files it under the
-    // final component of agentPath; true when that entry is now known.
-    bool parseAgent(const std::string& name, const boost::filesystem::path& agentPath);
-
-    // Parses every agent directory of the agents root; failures are logged.
-    void getAllAgents();
-
-    const AgentMap& getAgents() const { return agents_; }
 
 private:
     AgentMap agents_;

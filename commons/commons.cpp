@@ -32,9 +32,8 @@ uint64_t getFreeSpace(const std::string& path) {
     return static_cast<uint64_t>(fs.f_bavail) * static_cast<uint64_t>(fs.f_bsize);
 }
 
-void initTempName(std::vector<char>& buffer, const std::string& dir, const std::string& prefix) {
+std::string QMV_getTempFileName(const std::string& dir, const std::string& prefix) {
     std::string name;
-    name.reserve(4096);
     if (!dir.empty()) {
         name = dir;
     } else if (const char* tmp = kvaConfGet("DUMP_TMP_D")) {
@@ -45,16 +44,10 @@ void initTempName(std::vector<char>& buffer, const std::string& dir, const std::
     if (name.empty() || name.back() != '/') name += '/';
     name += prefix;
     name += "XXXXXX";
-    buffer.assign(name.begin(), name.end());
+    std::vector<char> buffer(name.begin(), name.end());
     buffer.push_back('\0');
-}
-
-std::string QMV_getTempFileName(const std::string& dir, const std::string& prefix) {
-    std::vector<char> buffer;
-    initTempName(buffer, dir, prefix);
-    const std::string pattern(buffer.data());
     int fd = mkstemp64(buffer.data());
-    if (fd < 0) throw VELMO_EXC(CantCreateTempFile) % pattern % std::strerror(errno);
+    if (fd < 0) throw VELMO_EXC(CantCreateTempFile) % name % std::strerror(errno);
     close(fd);
     return std::string(buffer.data());
 }
@@ -65,28 +58,26 @@ bool check_input_file(const char* path, bool) {
     return stat(path, &st) == 0 && S_ISREG(st.st_mode);
 }
 
-void make_dir(char* path, unsigned uid, unsigned gid, unsigned mode) {
+namespace {
+void makeDirIn(char* path, unsigned uid, unsigned gid, unsigned mode) {
     struct stat st;
     if (stat(path, &st) == 0 || errno != ENOENT) return;
     char* slash = std::strrchr(path, '/');
     if (slash != nullptr && slash != path) {
         *slash = '\0';
-        make_dir(path, uid, gid, mode);
+        makeDirIn(path, uid, gid, mode);
         *slash = '/';
     }
     if (mkdir(path, mode) == 0 && chown(path, uid, gid) != 0) {
         // Not checked here: a directory with the wrong owner shows when it is used.
     }
 }
+}  // namespace
 
 void make_dir(const std::string& path, unsigned uid, unsigned gid, unsigned mode) {
-    std::unique_ptr<char, void (*)(void*)> copy(strdup(path.c_str()), std::free);
-    if (!copy) throw VELMO_EXC(InvalidHandle);
-    make_dir(copy.get(), uid, gid, mode);
-}
-
-void make_dir(const boost::filesystem::path& path, unsigned uid, unsigned gid, unsigned mode) {
-    make_dir(path.string(), uid, gid, mode);
+    std::vector<char> copy(path.begin(), path.end());
+    copy.push_back('\0');
+    makeDirIn(copy.data(), uid, gid, mode);
 }
 
 void make_content_dir(const std::string& path, unsigned uid, unsigned gid, unsigned mode) {
@@ -110,21 +101,17 @@ std::string getPath(const std::string& path) {
     return at == std::string::npos ? std::string() : path.substr(0, at);
 }
 
-uid_t get_user_id(const std::string& user) {
-    errno = 0;
-    struct passwd* pw = getpwnam(user.c_str());
-    if (pw == nullptr) {
-        runLog.info("Unable to find uid for user %s: %s", user.c_str(),
-                    errno ? std::strerror(errno) : "no such user");
-        return 0;
-    }
-    return pw->pw_uid;
-}
-
 void getAdminIds(uid_t& uid, gid_t& gid) {
+    static bool warned = false;
+    errno = 0;
     struct passwd* pw = getpwnam(KVA_ADMIN_USER);
     uid = pw ? pw->pw_uid : 0;
     gid = pw ? pw->pw_gid : 0;
+    if (pw == nullptr && !warned) {
+        warned = true;
+        runLog.warn("The account %s is missing (%s): files for the controlling process stay root's",
+                    KVA_ADMIN_USER, errno ? std::strerror(errno) : "no such user");
+    }
 }
 
 namespace {

@@ -5,10 +5,7 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 #include <sys/types.h>
-
-#include <boost/filesystem/path.hpp>
 
 namespace velmo {
 
@@ -16,10 +13,9 @@ namespace velmo {
 // throws Exc<&CantStatFS>.
 uint64_t getFreeSpace(const std::string& path);
 
-// Fills buffer with the zero-terminated mkstemp template for dir and prefix.
-void initTempName(std::vector<char>& buffer, const std::string& dir, const std::string& prefix);
-// Creates a new empty file from the template and returns its name; throws
-// Exc<&CantCreateTempFile>.
+// Creates a new empty file named dir/prefix followed by six random characters
+// and returns its name; an empty dir means DUMP_TMP_D of the configuration,
+// or the product's tmp directory. Throws Exc<&CantCreateTempFile>.
 std::string QMV_getTempFileName(const std::string& dir, const std::string& prefix);
 
 // True when path names (after following links) a regular file.
@@ -27,9 +23,7 @@ bool check_input_file(const char* path, bool);
 
 // Creates path and its missing parents with the given owner and mode; results
 // of mkdir and chown are not checked.
-void make_dir(char* path, unsigned uid, unsigned gid, unsigned mode);
 void make_dir(const std::string& path, unsigned uid, unsigned gid, unsigned mode);
-void make_dir(const boost::filesystem::path& path, unsigned uid, unsigned gid, unsigned mode);
 // make_dir under the file-creation mask 022.
 void make_content_dir(const std::string& path, unsigned uid, unsigned gid, unsigned mode);
 
@@ -38,9 +32,8 @@ std::string getPath(const std::string& path);
 
 // The name of the product's administrative system account.
 extern const char* const KVA_ADMIN_USER;
-// User id of a system account; 0 (and a debug-log line) when it is unknown.
-uid_t get_user_id(const std::string& user);
-// User id and primary group id of kvaadm; 0 for what cannot be looked up.
+// User id and primary group id of kvaadm; 0 for what cannot be looked up, and
+// a warning in the log the first time the account is missing.
 void getAdminIds(uid_t& uid, gid_t& gid);
 
 // Passwords known to the run. Every log line that might carry one goes through

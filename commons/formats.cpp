@@ -19,7 +19,7 @@ AgentFileList::~AgentFileList() = default;
 
 // ----------------------------------------------------------- migration status
 
-XmlMigrationStatus::XmlMigrationStatus() : state_(idle), operation_(deploy), objectType_(account) {
+XmlMigrationStatus::XmlMigrationStatus() : state_(idle), operation_(deploy) {
     initNewDoc("migration-status");
 }
 
@@ -54,23 +54,6 @@ void XmlMigrationStatus::setTransferCurrentFileSizeLeft(const std::string& size)
     currentFileSizeLeft_ = size;
 }
 
-void XmlMigrationStatus::setDeployTotals(const std::string& accounts, const std::string& domains) {
-    state_ = deployment;
-    totalAccounts_ = accounts;
-    totalDomains_ = domains;
-}
-
-void XmlMigrationStatus::setDeploy(const std::string& accounts, const std::string& domains) {
-    state_ = deployment;
-    completedAccounts_ = accounts;
-    completedDomains_ = domains;
-}
-
-void XmlMigrationStatus::setCurrentObject(const std::string& name, objectType type) {
-    currentObject_ = name;
-    objectType_ = type;
-}
-
 void XmlMigrationStatus::clearRoot() {
     xmlNode* child = root_->children;
     while (child != nullptr) {
@@ -83,7 +66,6 @@ void XmlMigrationStatus::clearRoot() {
 
 void XmlMigrationStatus::saveFile() {
     pid_ = std::to_string(getpid());
-    // Attributes of the root stay: the deploy counters survive later saves.
     clearRoot();
     newTextChild(root_, "pid", pid_);
 
@@ -91,19 +73,6 @@ void XmlMigrationStatus::saveFile() {
     switch (state_) {
     case idle:
         newChild(root_, "idle");
-        break;
-    case translate:
-        newChild(root_, "translate");
-        break;
-    case deployment:
-        addAttribute(root_, "total-accounts", totalAccounts_);
-        addAttribute(root_, "total-domains", totalDomains_);
-        addAttribute(root_, "completed-accounts", completedAccounts_);
-        addAttribute(root_, "completed-domains", completedDomains_);
-        if (!currentObject_.empty()) {
-            xmlNode* object = newTextChild(root_, "current-object", currentObject_);
-            addAttribute(object, "type", objectType_ == account ? "account" : "domain");
-        }
         break;
     case agent:
         holder = newChild(root_, "agent");
@@ -219,7 +188,6 @@ void XmlAgentFileList::parse() {
 
 uint64_t XmlAgentFileList::getTotalSize() const { return toTotal(getAttribute(root_, "size")); }
 
-uint64_t XmlAgentFileList::getUnpackedSize() const { return toTotal(getAttribute(root_, "unpacked")); }
 
 std::unique_ptr<AgentFileList> getFileList(const std::string& text) {
     std::unique_ptr<XmlAgentFileList> list(new XmlAgentFileList(text));

@@ -16,7 +16,6 @@ namespace velmo {
 class MigrationStatus {
 public:
     enum agentOperation : int { deploy = 0, wait = 1 };
-    enum objectType : int { account = 0, domain = 1 };
 
     virtual ~MigrationStatus();
     virtual void setIdle() = 0;
@@ -29,10 +28,6 @@ public:
     virtual void setTransferSizeLeft(const std::string& size) = 0;
     virtual void setCurrentFile(const std::string& name, const std::string& size) = 0;
     virtual void setTransferCurrentFileSizeLeft(const std::string& size) = 0;
-    virtual void setDeployTotals(const std::string& accounts, const std::string& domains) = 0;
-    virtual void setDeploy(const std::string& accounts, const std::string& domains) = 0;
-    virtual void setCurrentObject(const std::string& name, objectType type) = 0;
-    virtual void setTranslate() = 0;
     virtual void saveFile() = 0;
 };
 
@@ -52,19 +47,15 @@ public:
     void setTransferSizeLeft(const std::string& size) override;
     void setCurrentFile(const std::string& name, const std::string& size) override;
     void setTransferCurrentFileSizeLeft(const std::string& size) override;
-    void setDeployTotals(const std::string& accounts, const std::string& domains) override;
-    void setDeploy(const std::string& accounts, const std::string& domains) override;
-    void setCurrentObject(const std::string& name, objectType type) override;
-    void setTranslate() override { state_ = translate; }
     // Needs theSession. Throws the errors of the atomic save.
     void saveFile() override;
 
 private:
-    enum State { idle = 0, agent = 1, dumpTransfer = 2, contentTransfer = 3, translate = 4, deployment = 5 };
+    enum State { idle, agent, dumpTransfer, contentTransfer };
 
     void clearRoot();
 
-    int state_;
+    State state_;
     agentOperation operation_;
     std::string pid_;
     std::string host_;
@@ -76,12 +67,6 @@ private:
     std::string currentFileSizeLeft_;
     std::string currentFile_;
     std::string currentFileSize_;
-    std::string totalAccounts_;
-    std::string totalDomains_;
-    std::string completedAccounts_;
-    std::string completedDomains_;
-    std::string currentObject_;
-    objectType objectType_;
 };
 
 // A new idle status with an empty document; writes nothing.
@@ -101,7 +86,6 @@ public:
     virtual ~AgentFileList();
     virtual const std::vector<DumpFile>& getFileList() const = 0;
     virtual uint64_t getTotalSize() const = 0;
-    virtual uint64_t getUnpackedSize() const = 0;
 };
 
 // The content list "contentlist"; the totals are read from the root at each call.
@@ -116,7 +100,6 @@ public:
 
     const std::vector<DumpFile>& getFileList() const override { return files_; }
     uint64_t getTotalSize() const override;
-    uint64_t getUnpackedSize() const override;
 
 private:
     std::vector<DumpFile> files_;

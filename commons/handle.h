@@ -43,9 +43,6 @@ private:
     T value_;
 };
 
-// Strings that a library allocates and the caller frees.
-typedef Handle<char*, &DefaultDestructionFunc<char*> > StringHandle;
-
 }  // namespace velmo
 
 #endif

@@ -1,6 +1,5 @@
 #include "commons/log.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -8,10 +7,10 @@
 #include <map>
 #include <sstream>
 
-#include <unistd.h>
-
 #include <boost/filesystem.hpp>
+#include <boost/format.hpp>
 #include <log4cpp/Appender.hh>
+#include <log4cpp/Category.hh>
 #include <log4cpp/Priority.hh>
 #include <log4cpp/PropertyConfigurator.hh>
 
@@ -22,32 +21,17 @@
 namespace velmo {
 
 namespace {
-// Created at start like every category of the tool; the actions write through
-// theDebugLog, "p.Action" only exists.
 log4cpp::Category& runLog = log4cpp::Category::getInstance("p.log");
-[[maybe_unused]] log4cpp::Category& actionLog = log4cpp::Category::getInstance("p.Action");
 }  // namespace
 
-DebugLog::~DebugLog() = default;
-Log::~Log() = default;
-
 DebugLog* theDebugLog = nullptr;
-Log* theLog = nullptr;
-
-std::vector<std::pair<DaemonHandler, void*>> childDaemonHandlers;
-std::vector<std::pair<DaemonHandler, void*>> parentDaemonHandlers;
+XmlLog* theLog = nullptr;
 
 // ---------------------------------------------------------------- debug log
 
-log4cpp::Category* Log4cppDebugLog::category_ = &runLog;
+void DebugLog::log(const std::string& text) { runLog.getStream(log4cpp::Priority::INFO) << maskSecrets(text); }
 
-void Log4cppDebugLog::log(const std::string& text) {
-    category_->getStream(log4cpp::Priority::INFO) << maskSecrets(text);
-}
-
-void Log4cppDebugLog::log(const boost::format& text) { log(text.str()); }
-
-void Log4cppDebugLog::log(const ExTraceable& e) { log(formatPlainTextMessage(e)); }
+void DebugLog::log(const ExTraceable& e) { log(formatPlainTextMessage(e)); }
 
 namespace {
 
@@ -117,9 +101,9 @@ void initializeLog4Cpp(bool debug) {
     log4cppConfigured = true;
 }
 
-DebugLogLifetimeController::DebugLogLifetimeController(bool verbose, bool debug) {
+DebugLogLifetimeController::DebugLogLifetimeController(bool debug) {
     initializeLog4Cpp(debug);
-    theDebugLog = new Log4cppDebugLog(verbose && !debug, debug);
+    theDebugLog = new DebugLog();
 }
 
 DebugLogLifetimeController::~DebugLogLifetimeController() {
@@ -135,12 +119,10 @@ void debugLine(const std::string& text) {
     if (theDebugLog != nullptr) theDebugLog->log(text);
 }
 
-void runDaemonized(void* logger) { static_cast<StartStopLogger*>(logger)->daemonized(); }
-
 }  // namespace
 
 StartStopLogger::StartStopLogger(const std::string& name, int argc, char* const* argv)
-    : name_(name), pid_(static_cast<int>(getpid())), exitCode_(-1) {
+    : name_(name), exitCode_(-1) {
     std::string commandLine;
     for (int i = 0; i < argc; ++i) {
         if (i > 0) commandLine += ' ';
@@ -148,14 +130,9 @@ StartStopLogger::StartStopLogger(const std::string& name, int argc, char* const*
         commandLine += arg.empty() ? std::string("''") : sh_quote(arg);
     }
     debugLine(name_ + " started : " + commandLine);
-    childDaemonHandlers.push_back(std::make_pair(&runDaemonized, static_cast<void*>(this)));
 }
 
 StartStopLogger::~StartStopLogger() {
-    // The hook must not outlive the logger it points at.
-    auto self = std::make_pair(&runDaemonized, static_cast<void*>(this));
-    childDaemonHandlers.erase(std::remove(childDaemonHandlers.begin(), childDaemonHandlers.end(), self),
-                              childDaemonHandlers.end());
     try {
         if (exitCode_ == -1)
             debugLine(name_ + " finished. " + " (exit code is not reported)");
@@ -164,14 +141,6 @@ StartStopLogger::~StartStopLogger() {
     } catch (...) {
         // Nothing is left to tell it to.
     }
-}
-
-void StartStopLogger::setExitCode(int code) { exitCode_ = code; }
-
-void StartStopLogger::daemonized() {
-    const int now = static_cast<int>(getpid());
-    debugLine((boost::format("%1% %2% -> (%3% daemon)") % name_ % pid_ % now).str());
-    pid_ = now;
 }
 
 // ----------------------------------------------------------- result document
@@ -214,8 +183,6 @@ void moveAside(const std::string& fileName) {
 
 XmlLog::XmlLog(const std::string& name) : success_(false), fileName_(resultFileName(name)) {
     initNewDoc("execution-result");
-    current_ = XmlNode(getDoc(), getRoot());
-    contentFlags_.push_back(true);
     moveAside(fileName_);
 }
 
@@ -242,35 +209,9 @@ XmlLog::~XmlLog() {
 }
 
 void XmlLog::log(const ExTraceable& e) {
-    xmlNode* message = newChild(current_.node, "message");
-    XmlMsgFormatter formatter(*this, message);
+    XmlMsgFormatter formatter(*this, newChild(getRoot(), "message"));
     e.accept(formatter);
-    contentFlags_.back() = true;
 }
-
-void XmlLog::pushObject(const std::string& name, const std::string& type) {
-    xmlNode* object = newChild(current_.node, "object");
-    addAttribute(object, "name", name);
-    addAttribute(object, "type", type);
-    current_ = XmlNode(getDoc(), object);
-    contentFlags_.push_back(false);
-}
-
-void XmlLog::popObject() {
-    XmlNode parent = current_.getParent();
-    if (!contentFlags_.back()) {
-        // Nothing was logged in it: drop the element with its attributes.
-        xmlUnlinkNode(current_.node);
-        xmlFreeNode(current_.node);
-        contentFlags_.pop_back();
-    } else {
-        contentFlags_.pop_back();
-        contentFlags_.back() = true;
-    }
-    current_ = parent;
-}
-
-int XmlLog::getDepth() const { return static_cast<int>(contentFlags_.size()) - 1; }
 
 LogLifetimeController::LogLifetimeController(std::string name) { theLog = new XmlLog(name); }
 

@@ -4,58 +4,24 @@
 #define VANTREL_COMMONS_LOG_H
 
 #include <string>
-#include <vector>
 
 #include <libxml/tree.h>
-
-#include <boost/format.hpp>
-#include <log4cpp/Category.hh>
 
 #include "commons/exceptions.h"
 #include "commons/xml_wrap.h"
 
 namespace velmo {
 
+// The debug log: every line is one INFO event of the category "p.log", with
+// every known password masked.
 class DebugLog {
 public:
-    virtual ~DebugLog();
-    virtual void log(const std::string& text) = 0;
-    virtual void log(const boost::format& text) = 0;
-    virtual void log(const ExTraceable& e) = 0;
-    virtual bool isVerboseMode() const = 0;
-    virtual bool isDebugMode() const = 0;
+    void log(const std::string& text);
+    void log(const ExTraceable& e);
 };
 
 // The debug log of the run; null outside it.
 extern DebugLog* theDebugLog;
-
-// Writes every line as one INFO event of the category "p.log".
-class Log4cppDebugLog : public DebugLog {
-public:
-    Log4cppDebugLog(bool verbose, bool debug) : verbose_(verbose), debug_(debug) {}
-    void log(const std::string& text) override;
-    void log(const boost::format& text) override;
-    void log(const ExTraceable& e) override;
-    bool isVerboseMode() const override { return verbose_; }
-    bool isDebugMode() const override { return debug_; }
-
-private:
-    static log4cpp::Category* category_;
-    bool verbose_;
-    bool debug_;
-};
-
-class Log {
-public:
-    virtual ~Log();
-    virtual void setSuccess(bool success) = 0;
-    virtual void log(const ExTraceable& e) = 0;
-    virtual void pushObject(const std::string& name, const std::string& type) = 0;
-    virtual void popObject() = 0;
-};
-
-// The result document of the run; null outside it.
-extern Log* theLog;
 
 // Writes an exception into the result document: attributes code, id and
 // severity and a "description" on the current element, and a nested "message"
@@ -78,40 +44,35 @@ private:
 };
 
 // The result document "execution-result" of a run, saved atomically when it
-// is destroyed. Objects in which nothing was logged leave no trace.
-class XmlLog : public Log, public tXmlQmvDocument {
+// is destroyed.
+class XmlLog : public tXmlQmvDocument {
 public:
     // name empty: the session's result file; otherwise that name in the session
     // directory. An existing file of that name is moved to name.1, name.2, ...
     explicit XmlLog(const std::string& name);
     // Saves the document; failures are reported on stderr and in the debug log.
-    ~XmlLog() override;
+    ~XmlLog();
 
-    void setSuccess(bool success) override { success_ = success; }
-    void log(const ExTraceable& e) override;
-    void pushObject(const std::string& name, const std::string& type) override;
-    // Throws Exc<&NoParentNode> when no object is open.
-    void popObject() override;
-    // Number of open objects.
-    virtual int getDepth() const;
-
-    const std::string& getFileName() const { return fileName_; }
+    void setSuccess(bool success) { success_ = success; }
+    void log(const ExTraceable& e);
 
 private:
     bool success_;
     std::string fileName_;
-    XmlNode current_;
-    std::vector<bool> contentFlags_;
 };
+
+// The result document of the run; null outside it.
+extern XmlLog* theLog;
 
 // Configures log4cpp from the installation's log4cpp.properties once per
 // process, with LOG_FILE_NAME set to the session's log file; removes the
 // appender A2 from the root category unless debug is set.
 void initializeLog4Cpp(bool debug);
 
+// debug (--verbose) keeps the log's copy on standard error (appender A2).
 class DebugLogLifetimeController {
 public:
-    DebugLogLifetimeController(bool verbose, bool debug);
+    explicit DebugLogLifetimeController(bool debug);
     ~DebugLogLifetimeController();
     DebugLogLifetimeController(const DebugLogLifetimeController&) = delete;
     DebugLogLifetimeController& operator=(const DebugLogLifetimeController&) = delete;
@@ -130,19 +91,12 @@ class StartStopLogger {
 public:
     StartStopLogger(const std::string& name, int argc, char* const* argv);
     ~StartStopLogger();
-    void setExitCode(int code);
-    void daemonized();
+    void setExitCode(int code) { exitCode_ = code; }
 
 private:
     std::string name_;
-    int pid_;
     int exitCode_;
 };
-
-typedef void (*DaemonHandler)(void*);
-// Hooks for a child or parent process after daemonizing; never run by vantrel.
-extern std::vector<std::pair<DaemonHandler, void*>> childDaemonHandlers;
-extern std::vector<std::pair<DaemonHandler, void*>> parentDaemonHandlers;
 
 }  // namespace velmo
 

@@ -24,7 +24,6 @@ void createDirectory(const std::string& path, const char* failure) {
         uid_t adminUid;
         gid_t adminGid;
         getAdminIds(adminUid, adminGid);
-        if (adminUid == 0) get_user_id(KVA_ADMIN_USER);  // logs the missing account
         make_dir(path, 0, adminGid, 0750);
     }
     if (!isDirectory(path)) throw VELMO_EXC(UnableToCreateSession) % failure;

@@ -177,11 +177,6 @@ void tXmlDocument::saveToFile(const char* fileName) {
 
 void tXmlDocument::saveToFile(const std::string& fileName) { saveToFile(fileName.c_str()); }
 
-int tXmlDocument::saveToStdout() {
-    saveToFile("-");
-    return 0;
-}
-
 namespace {
 
 void freeContext(xmlXPathContext* ctx) {
@@ -220,25 +215,6 @@ xmlNodeSet* tXPathExpr::getNodeSet() const {
 
 std::string tXPathExpr::getExpression() const {
     return expr_ ? std::string(reinterpret_cast<const char*>(expr_.get())) : std::string();
-}
-
-tXmlOperator::~tXmlOperator() = default;
-
-int foreach_xmlnode(const tXPathExpr& expr, const tXmlOperator& op, void (*onError)(const ExTraceable&)) {
-    xmlNodeSet* nodes = expr.getNodeSet();
-    if (nodes == nullptr) {
-        if (onError != nullptr)
-            onError(VELMO_EXC(tError_XmlInternal) % ("Can not evaluate XPath expression: " + expr.getExpression()));
-        return 0;
-    }
-    for (int i = 0; i < nodes->nodeNr; ++i) {
-        try {
-            op.act(nodes->nodeTab[i]);
-        } catch (const ExTraceable& e) {
-            if (onError != nullptr) onError(e);
-        }
-    }
-    return 1;
 }
 
 }  // namespace velmo

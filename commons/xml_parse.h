@@ -59,7 +59,6 @@ public:
     // Throws Exc<&tError_SaveFile>.
     virtual void saveToFile(const char* fileName);
     virtual void saveToFile(const std::string& fileName);
-    virtual int saveToStdout();
 
     // Writes a temporary file beside the target, hands it to kvaadm and renames
     // it over the target. The target stays as it was when any step fails.
@@ -106,19 +105,6 @@ private:
     std::shared_ptr<xmlChar> expr_;
     xmlDoc* doc_;
 };
-
-// Callback of foreach_xmlnode.
-class tXmlOperator {
-public:
-    virtual ~tXmlOperator();
-    virtual void act(xmlNode* node) const = 0;
-};
-
-// Calls op.act on every node of the expression's node set in document order.
-// An ExTraceable thrown by act goes to onError and the walk goes on. Returns 0
-// (after reporting to onError) when there is no node set, else 1.
-int foreach_xmlnode(const tXPathExpr& expr, const tXmlOperator& op,
-                    void (*onError)(const ExTraceable&));
 
 }  // namespace velmo
 

@@ -70,12 +70,6 @@ std::string xmlText(const std::string& text) {
 
 }  // namespace
 
-XmlNode XmlNode::getParent() const {
-    if (node == nullptr || node->parent == nullptr || node->parent->type != XML_ELEMENT_NODE)
-        throw VELMO_EXC(NoParentNode);
-    return XmlNode(doc, node->parent);
-}
-
 int tXmlQmvDocument::initNewDoc(const char* rootName) {
     xmlNode* root = xmlNewNode(nullptr, BAD_CAST rootName);
     if (root == nullptr) throw VELMO_EXC(tError_XmlInternal) % "#0002: Can not create new node";

@@ -9,18 +9,6 @@
 
 namespace velmo {
 
-// One element of a document.
-struct XmlNode {
-    XmlNode() : doc(nullptr), node(nullptr) {}
-    XmlNode(xmlDoc* d, xmlNode* n) : doc(d), node(n) {}
-
-    // The enclosing element; throws Exc<&NoParentNode> at the root element.
-    XmlNode getParent() const;
-
-    xmlDoc* doc;
-    xmlNode* node;
-};
-
 class tXmlQmvDocument : public tXmlDocument {
 public:
     tXmlQmvDocument() : root_(nullptr) {}

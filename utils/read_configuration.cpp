@@ -38,18 +38,14 @@ void defaultConfLog(int level, const char* message) {
     std::fprintf(stdout, "%s\n", message);
 }
 
-conf_log_func confLogFunction = defaultConfLog;
-
 void confReport(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void confReport(const char* format, ...) {
     va_list args;
     va_start(args, format);
     std::string text = vformat(format, args);
     va_end(args);
-    confLogFunction(CONF_REPORT_LEVEL, text.c_str());
+    defaultConfLog(CONF_REPORT_LEVEL, text.c_str());
 }
-
-const char* programName = nullptr;
 
 bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
@@ -191,18 +187,11 @@ const char* const theKvaConfDefauls[CONF_VAR_COUNT] = {
 
 conf_data* theKvaConfHash = nullptr;
 
-void conf_set_log_function(conf_log_func func) {
-    confLogFunction = func != nullptr ? func : defaultConfLog;
-}
-
-void conf_set_program_name(const char* name) { programName = name; }
-
 void product_message_log(const char* format, ...) {
     va_list args;
     va_start(args, format);
     std::string text = vformat(format, args);
     va_end(args);
-    if (programName != nullptr && *programName != '\0') text = std::string(programName) + ": " + text;
     if (text.empty() || text.back() != '\n') text += '\n';
     std::fputs(text.c_str(), stderr);
     std::fflush(stderr);

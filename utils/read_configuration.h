@@ -90,18 +90,13 @@ const char* kvaConfGetByIndex(int index);
 // kvaConfGetByIndex, or the compile-time default of the index.
 const char* kvaConfGetDefaultByIndex(int index);
 
-// The library's replaceable log function and its level (6 by default). The
-// reader reports its problems with the level 12; the default function shows
-// a message (on standard error and standard output) only when its level is
-// at most conf_log_level. A null function restores the default one.
-typedef void (*conf_log_func)(int level, const char* message);
-void conf_set_log_function(conf_log_func func);
+// The library's log level (6 by default). The reader reports its problems
+// with the level 12, and a report is shown (on standard error and standard
+// output) only when its level is at most conf_log_level.
 extern int conf_log_level;
 
-// The product message log: prints the formatted message, after the program
-// name and ": " when one is set, with a line feed added if it lacks one, to
-// standard error and then to standard output.
-void conf_set_program_name(const char* name);
+// The product message log: prints the formatted message, with a line feed
+// added if it lacks one, to standard error and then to standard output.
 void product_message_log(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 #endif

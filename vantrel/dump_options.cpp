@@ -1,21 +1,26 @@
 #include "vantrel/dump_options.h"
 
-#include "commons/log.h"
 
 namespace velmo {
 
 namespace {
 
-void logToDebugLog(const ExTraceable& e) {
-    if (theDebugLog) theDebugLog->log(e);
+void appendList(std::string& target, const std::string& more) {
+    if (more.empty()) return;
+    if (!target.empty()) target += ",";
+    target += more;
 }
 
+// Joins the texts of the matched nodes with ",", leaving out empty ones.
 void collectList(tXmlDocument& doc, const char* expression, std::string& target) {
     tXPathExpr expr(doc.getDoc(), reinterpret_cast<const xmlChar*>(expression));
     xmlNodeSet* nodes = expr.getNodeSet();
-    if (nodes == nullptr || nodes->nodeNr == 0) return;
-    tPeriodSeparatedListOperator op(target);
-    foreach_xmlnode(expr, op, &logToDebugLog);
+    for (int i = 0; nodes != nullptr && i < nodes->nodeNr; ++i) {
+        xmlChar* content = xmlNodeGetContent(nodes->nodeTab[i]);
+        if (content == nullptr) continue;
+        appendList(target, reinterpret_cast<const char*>(content));
+        xmlFree(content);
+    }
 }
 
 bool selects(tXmlDocument& doc, const char* expression) {
@@ -37,30 +42,14 @@ std::string stringValue(tXmlDocument& doc, const char* expression) {
     return value;
 }
 
-void appendList(std::string& target, const std::string& more) {
-    if (more.empty()) return;
-    if (!target.empty()) target += ",";
-    target += more;
-}
-
 }  // namespace
-
-void tPeriodSeparatedListOperator::act(xmlNode* node) const {
-    xmlChar* content = xmlNodeGetContent(node);
-    if (content == nullptr) return;
-    std::string name(reinterpret_cast<const char*>(content));
-    xmlFree(content);
-    if (name.empty()) return;
-    if (count_ > 0) target_ += ",";
-    target_ += name;
-    ++count_;
-}
 
 void parseSelectedObjectsFile(const std::string& path, std::string& domains, std::string& clients,
                               std::string& resellers, opt_backup_filter& filter,
                               opt_backup_compress& compression, bool& server, bool& adminInfo,
                               bool& noLicense) {
-    tVantrelXmlDocument doc(path.c_str());
+    // Any root element will do: the names are looked for anywhere.
+    tXmlDocument doc(path.c_str());
 
     collectList(doc, "//domain/name/text()", domains);
     collectList(doc, "//client/name/text()", clients);
@@ -72,15 +61,15 @@ void parseSelectedObjectsFile(const std::string& path, std::string& domains, std
 
     const std::string filterValue = stringValue(doc, "/*/parameters/@filter");
     if (filterValue == "only-mail")
-        filter = static_cast<opt_backup_filter>(1);
+        filter = OPT_BACKUP_FILTER_ONLY_MAIL;
     else if (filterValue == "only-phosting")
-        filter = static_cast<opt_backup_filter>(2);
+        filter = OPT_BACKUP_FILTER_ONLY_HOSTING;
 
     const std::string compressionValue = stringValue(doc, "/*/parameters/@compression-level");
     if (compressionValue == "do-not-compress")
-        compression = static_cast<opt_backup_compress>(2);
+        compression = OPT_BACKUP_COMPRESS_NONE;
     else if (compressionValue == "standard")
-        compression = static_cast<opt_backup_compress>(1);
+        compression = OPT_BACKUP_COMPRESS_STANDARD;
 }
 
 void getSelectedObjectsFromConfig(const config& cfg, std::string& domains, std::string& clients,
@@ -90,8 +79,8 @@ void getSelectedObjectsFromConfig(const config& cfg, std::string& domains, std::
     appendList(domains, cfg.domains);
     appendList(clients, cfg.clients);
     appendList(resellers, cfg.resellers);
-    if (static_cast<int>(cfg.filter) != 0) filter = cfg.filter;
-    if (static_cast<int>(cfg.compression) != 0) compression = cfg.compression;
+    if (cfg.filter != OPT_BACKUP_FILTER_NONE) filter = cfg.filter;
+    if (cfg.compression != OPT_BACKUP_COMPRESS_NOT_SET) compression = cfg.compression;
     // These three come from the command line only.
     server = cfg.server;
     adminInfo = cfg.adminInfo;
@@ -100,8 +89,8 @@ void getSelectedObjectsFromConfig(const config& cfg, std::string& domains, std::
 
 void prepareDumpOptions(const config& cfg, std::vector<std::string>& arguments, std::string& standardInput) {
     std::string domains, clients, resellers;
-    opt_backup_filter filter = static_cast<opt_backup_filter>(0);
-    opt_backup_compress compression = static_cast<opt_backup_compress>(0);
+    opt_backup_filter filter = OPT_BACKUP_FILTER_NONE;
+    opt_backup_compress compression = OPT_BACKUP_COMPRESS_NOT_SET;
     bool server = false, adminInfo = false, noLicense = false;
 
     if (!cfg.selectedObjectsFile.empty())
@@ -120,9 +109,9 @@ void prepareDumpOptions(const config& cfg, std::vector<std::string>& arguments, 
         separator = "\n";
     }
 
-    if (static_cast<int>(filter) == 1) arguments.push_back("--only-mail");
-    if (static_cast<int>(filter) == 2) arguments.push_back("--only-hosting");
-    if (static_cast<int>(compression) == 2) arguments.push_back("--no-compress");
+    if (filter == OPT_BACKUP_FILTER_ONLY_MAIL) arguments.push_back("--only-mail");
+    if (filter == OPT_BACKUP_FILTER_ONLY_HOSTING) arguments.push_back("--only-hosting");
+    if (compression == OPT_BACKUP_COMPRESS_NONE) arguments.push_back("--no-compress");
     arguments.push_back("--include-app-distrib");
     if (server) arguments.push_back("--server");
     if (adminInfo) arguments.push_back("--admin-info");

@@ -93,7 +93,7 @@ const char* const SUDO_PASSWORD_VARIABLE = "KVA_SUDO_PASSWORD";
 // The login password, read from the environment once.
 char thePasswordBuffer[4096];
 
-void setAction(config* cfg, int id) { cfg->action = cfg->action == ACTION_NONE ? id : ACTION_MANY; }
+void setAction(config* cfg, ActionId id) { cfg->action = cfg->action == ACTION_NONE ? id : ACTION_MANY; }
 
 // strtol in base 10; 0 and everything outside 1..65535 become -1.
 int convertPort(const char* text) {

@@ -35,7 +35,7 @@ enum ActionId : int {
 };
 
 struct config {
-    int action = ACTION_NONE;
+    ActionId action = ACTION_NONE;
     std::string resellers;
     std::string clients;
     std::string domains;

@@ -124,16 +124,4 @@ void SendAgentAction::execute() {
     statusFile.close();
 }
 
-XmlAgentDeploymentStatusDocument::XmlAgentDeploymentStatusDocument(const std::string& fileName)
-    : tXmlQmvDocument(fileName.c_str()) {
-    initFileDoc("agentstatus");
-}
-
-std::string XmlAgentDeploymentStatusDocument::getAgentDeploymentStatusFileName() const {
-    for (xmlNode* child = root_ ? root_->children : nullptr; child; child = child->next)
-        if (child->type == XML_ELEMENT_NODE && xmlStrEqual(child->name, BAD_CAST "statusfile"))
-            return getNodeText(child);
-    throw VELMO_EXC(tError_XmlInternal) % "agentstatus has no statusfile element";
-}
-
 }  // namespace velmo

@@ -9,7 +9,6 @@
 #include <boost/filesystem/path.hpp>
 #include <boost/function.hpp>
 
-#include "commons/xml_wrap.h"
 #include "vantrel/actions.h"
 
 namespace velmo {
@@ -30,13 +29,6 @@ public:
     void execute() override;
     bool sendFile(const boost::filesystem::path& localRoot, const boost::filesystem::path& localPath,
                   const boost::filesystem::path& remotePath);
-};
-
-// The agent's answer to --get-status: <agentstatus><statusfile>...</statusfile></agentstatus>.
-class XmlAgentDeploymentStatusDocument : public tXmlQmvDocument {
-public:
-    explicit XmlAgentDeploymentStatusDocument(const std::string& fileName);
-    std::string getAgentDeploymentStatusFileName() const;
 };
 
 }  // namespace velmo

@@ -1,7 +1,5 @@
 #include "vantrel/vantrel.h"
 
-#include <cstdlib>
-#include <ctime>
 #include <iostream>
 
 #include "commons/commons.h"
@@ -41,7 +39,9 @@ void readListFromStandardInput(config& cfg) {
 
 }  // namespace
 
-std::string getLogName(const config& cfg) { return cfg.action == 5 ? "transfer.result" : std::string(); }
+std::string getLogName(const config& cfg) {
+    return cfg.action == ACTION_GET_CONTENT ? "transfer.result" : std::string();
+}
 
 void prepareDumpArguments(const config& cfg, std::vector<std::string>& arguments, std::string& standardInput) {
     if (cfg.contentTransport == "rsync") {
@@ -50,7 +50,7 @@ void prepareDumpArguments(const config& cfg, std::vector<std::string>& arguments
         arguments.push_back("--content-transport=rsync");
     }
     arguments.push_back("--migration-mode");
-    if (cfg.action == 4)
+    if (cfg.action == ACTION_DUMP_ALL)
         arguments.push_back("--dump-all");
     else
         prepareDumpOptions(cfg, arguments, standardInput);
@@ -58,28 +58,31 @@ void prepareDumpArguments(const config& cfg, std::vector<std::string>& arguments
 
 Action* getActionByIdInternal(const config& cfg) {
     switch (cfg.action) {
-        case 0:
+        case ACTION_SEND_SCOUT:
             return new SendScoutAction();
-        case 1:
+        case ACTION_DEPLOY_AGENT:
             return new SendAgentAction();
-        case 2:
+        case ACTION_GET_DUMPING_STATUS:
             return new GetDumpingStatusAction();
-        case 3:
-        case 4: {
+        case ACTION_DUMP_SELECTED:
+        case ACTION_DUMP_ALL: {
             std::vector<std::string> arguments;
             std::string standardInput;
             prepareDumpArguments(cfg, arguments, standardInput);
             return new RetrieveDumpAction(arguments, standardInput);
         }
-        case 5:
+        case ACTION_GET_CONTENT:
             return new RetrieveContentAction();
-        case 6:
+        case ACTION_REMOVE_AGENT:
             return new RemoveAgentAction();
-        case 7:
+        case ACTION_REMOVE_DUMPING_STATUS:
             return new RemoveDumpingStatusAction();
-        default:
-            throw VELMO_EXC(UnknownAction);
+        case ACTION_MANY:
+        case ACTION_NONE:
+        case ACTION_HELP:
+            break;
     }
+    throw VELMO_EXC(UnknownAction);
 }
 
 std::unique_ptr<Action> getActionById(const config& cfg) {
@@ -127,15 +130,14 @@ int do_actions(config& cfg) {
 int real_main(int argc, char** argv) {
     hide_sudo_password();
     autoprepend();
-    std::srand(static_cast<unsigned>(std::time(nullptr)));
 
     config cfg;
     if (!parse_options(argc, argv, &cfg)) return 1;
-    if (cfg.action == 8) {
+    if (cfg.action == ACTION_HELP) {
         usage();
         return 0;
     }
-    if (cfg.action == -1) {
+    if (cfg.action == ACTION_NONE) {
         std::cerr << "Action required. See --help\n";
         return 1;
     }
@@ -145,7 +147,7 @@ int real_main(int argc, char** argv) {
     }
 
     SessionLifetimeController session(cfg.sessionPath);
-    DebugLogLifetimeController debugLog(false, cfg.verbose);
+    DebugLogLifetimeController debugLog(cfg.verbose);
     StartStopLogger startStop("Vantrel", argc, argv);
     try {
         verify_options(&cfg);
