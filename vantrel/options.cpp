@@ -24,6 +24,7 @@ enum OptionValue {
     OPT_REMOVE_AGENT,
     OPT_REMOVE_DUMPING_STATUS,
     OPT_HELP,
+    OPT_VERSION,
     OPT_NO_CONTENT,
     OPT_NO_COMPRESS,
     OPT_IP,
@@ -60,6 +61,7 @@ const struct option longOptions[] = {
     {"remove-agent", no_argument, nullptr, OPT_REMOVE_AGENT},
     {"remove-dumping-status", no_argument, nullptr, OPT_REMOVE_DUMPING_STATUS},
     {"help", no_argument, nullptr, OPT_HELP},
+    {"version", no_argument, nullptr, OPT_VERSION},
     {"no-content", no_argument, nullptr, OPT_NO_CONTENT},
     {"no-compress", no_argument, nullptr, OPT_NO_COMPRESS},
     {"ip", required_argument, nullptr, OPT_IP},
@@ -185,6 +187,7 @@ bool parse_options(int argc, char** argv, config* cfg) {
             case OPT_REMOVE_DUMPING_STATUS: setAction(cfg, ACTION_REMOVE_DUMPING_STATUS); break;
             case OPT_HELP:
             case 'h': setAction(cfg, ACTION_HELP); break;
+            case OPT_VERSION: setAction(cfg, ACTION_VERSION); break;
             case OPT_NO_CONTENT: cfg->noContent = true; break;
             case OPT_NO_COMPRESS: cfg->compression = OPT_BACKUP_COMPRESS_NONE; break;
             case OPT_IP:
@@ -276,5 +279,10 @@ void verify_options(config* cfg) {
 
 void usage() {
     std::fwrite(usageText, 1, sizeof usageText - 1, stdout);
+    std::fflush(stdout);
+}
+
+void version() {
+    std::fputs("vantrel " VANTREL_VERSION "\n", stdout);
     std::fflush(stdout);
 }

@@ -31,7 +31,8 @@ enum ActionId : int {
     ACTION_GET_CONTENT = 5,
     ACTION_REMOVE_AGENT = 6,
     ACTION_REMOVE_DUMPING_STATUS = 7,
-    ACTION_HELP = 8
+    ACTION_HELP = 8,
+    ACTION_VERSION = 9
 };
 
 struct config {
@@ -73,6 +74,8 @@ void verify_options(config* cfg);
 
 // Writes the usage text to standard output.
 void usage();
+// Writes "vantrel <version>" and a line feed to standard output.
+void version();
 
 // Keeps KVA_SUDO_PASSWORD in the environment but wipes its value from the
 // block the process started with, which others can read from /proc.

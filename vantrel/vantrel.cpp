@@ -80,6 +80,7 @@ Action* getActionByIdInternal(const config& cfg) {
         case ACTION_MANY:
         case ACTION_NONE:
         case ACTION_HELP:
+        case ACTION_VERSION:
             break;
     }
     throw VELMO_EXC(UnknownAction);
@@ -135,6 +136,10 @@ int real_main(int argc, char** argv) {
     if (!parse_options(argc, argv, &cfg)) return 1;
     if (cfg.action == ACTION_HELP) {
         usage();
+        return 0;
+    }
+    if (cfg.action == ACTION_VERSION) {
+        version();
         return 0;
     }
     if (cfg.action == ACTION_NONE) {
