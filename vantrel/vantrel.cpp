@@ -10,6 +10,7 @@
 #include "utils/read_configuration.h"
 #include "vantrel/dump_options.h"
 #include "vantrel/send_agent.h"
+#include "vantrel/terminal.h"
 
 namespace velmo {
 
@@ -20,6 +21,7 @@ int report(const ExTraceable& e, int code) {
     theLog->log(e);
     std::cerr << e.what();
     std::cerr.flush();
+    showCauses(e);
     return code;
 }
 
@@ -158,6 +160,7 @@ int real_main(int argc, char** argv) {
         verify_options(&cfg);
     } catch (const Exc<&OptParsingError>& e) {
         theDebugLog->log(e);
+        showRefusal(e);
         startStop.setExitCode(1);
         return 1;
     }
