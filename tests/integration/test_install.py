@@ -52,6 +52,7 @@ class InstalledToolTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.tmp = tempfile.mkdtemp(prefix="vantrel-install-")
+        cls.addClassCleanup(shutil.rmtree, cls.tmp)
         cls.prefix = os.path.join(cls.tmp, "prefix")
         subprocess.run(["cmake", "--install", BUILD, "--prefix", cls.prefix], check=True, stdout=PIPE)
         cls.bin = os.path.join(cls.prefix, "bin", "vantrel")
@@ -67,7 +68,6 @@ class InstalledToolTest(unittest.TestCase):
         else:
             with open(KVA_CONF, "w") as f:
                 f.write(cls.saved_conf)
-        shutil.rmtree(cls.tmp)
 
     def test_install_tree_version_and_manual(self):
         settings = [line.split() for line in read(KVA_CONF).splitlines() if line.strip() and line[0] != "#"]
