@@ -21,6 +21,7 @@ Environment:
   VANTREL_BENCH_WORK          instead of /var/tmp/vantrel-bench
 """
 import contextlib
+import hashlib
 import os
 import pwd
 import random
@@ -41,6 +42,7 @@ QMV = os.path.join(ROOT, "QMV")
 AGENTS = os.path.join(QMV, "agents")
 BIN = os.path.join(BUILD, "vantrel", "vantrel")
 SSH_GET = os.path.join(BUILD, "bench", "bench-ssh-get")
+RELAY = os.path.join(BUILD, "bench", "bench-relay")
 WORK = os.environ.get("VANTREL_BENCH_WORK") or "/var/tmp/vantrel-bench"
 DATA = os.path.join(WORK, "data")
 TIME = "/usr/bin/time"
@@ -91,7 +93,7 @@ def ensure_build():
         log("building %s" % BUILD)
         _quiet(["cmake", "--build", BUILD, "-j2"])
         _install_product()
-    for path in (BIN, SSH_GET):
+    for path in (BIN, SSH_GET, RELAY):
         if not os.access(path, os.X_OK):
             die("%s is missing (build/bench not built?)" % path)
     if not os.path.isdir(os.path.join(AGENTS, TREE_AGENT)):
@@ -165,6 +167,31 @@ def deployed_tree_stats():
     return files, dirs, size
 
 
+def listing(root):
+    """relative path -> (size, MD5) of every file below root, None for a
+    directory."""
+    out = {}
+    for d, dirs, files in os.walk(root):
+        for n in dirs:
+            out[os.path.relpath(os.path.join(d, n), root)] = None
+        for n in files:
+            p = os.path.join(d, n)
+            out[os.path.relpath(p, root)] = (os.path.getsize(p), file_md5(p))
+    return out
+
+
+def staging_tree(dest):
+    """The tree a deployment of TREE_AGENT leaves on the remote side, built
+    locally."""
+    shutil.copytree(os.path.join(AGENTS, "shared"), dest)
+    shutil.copytree(os.path.join(AGENTS, TREE_AGENT), dest, dirs_exist_ok=True,
+                    ignore=lambda d, names: ["control"] if d == os.path.join(AGENTS, TREE_AGENT) else [])
+    for d, dirs, files in os.walk(dest):
+        os.chmod(d, 0o755)
+        for n in files:
+            os.chmod(os.path.join(d, n), 0o644)
+
+
 # ------------------------------------------------------------------ server
 
 @contextlib.contextmanager
@@ -176,11 +203,27 @@ def server():
     if port:
         yield int(port)
         return
-    srv = testbed.SshServer("default", log_level="INFO").start()
+    srv = testbed.SshServer("default").start()
     try:
         yield srv.port
     finally:
         srv.stop()
+
+
+@contextlib.contextmanager
+def relay(port, delay_ms):
+    """bench-relay in front of the sshd on port, holding every byte back
+    delay_ms in each direction; yields the relay's port."""
+    proc = subprocess.Popen([RELAY, "--target-port", str(port), "--delay-ms", str(delay_ms)],
+                            stdout=subprocess.PIPE)
+    try:
+        words = proc.stdout.readline().split()
+        if len(words) != 2 or words[0] != b"port":
+            die("bench-relay did not start")
+        yield int(words[1])
+    finally:
+        proc.terminate()
+        proc.wait()
 
 
 def negotiated_methods(port):
@@ -293,6 +336,15 @@ def md5_of(path):
     return out.split()[0].decode()
 
 
+def file_md5(path):
+    """md5_of without a process: for many small files."""
+    digest = hashlib.md5()
+    with open(path, "rb") as f:
+        for block in iter(lambda: f.read(1 * MiB), b""):
+            digest.update(block)
+    return digest.hexdigest()
+
+
 # ------------------------------------------------------------------ running
 
 def vantrel_env(sudo=False):
@@ -336,15 +388,23 @@ def ssh_env(scratch):
     return env
 
 
-class Measure:
-    """One timed run: wall time, max RSS (from /usr/bin/time -v), status."""
+def load_average():
+    """The one-minute load average: the neighbours' share of the 2 cores."""
+    with open("/proc/loadavg") as f:
+        return float(f.read().split()[0])
 
-    def __init__(self, seconds, max_rss_kib, status, out, err):
+
+class Measure:
+    """One timed run: wall time, max RSS (from /usr/bin/time -v), status,
+    and the load average when it started."""
+
+    def __init__(self, seconds, max_rss_kib, status, out, err, load=None):
         self.seconds = seconds
         self.max_rss_kib = max_rss_kib
         self.status = status
         self.out = out
         self.err = err
+        self.load = load_average() if load is None else load
 
     @property
     def rss_mib(self):
@@ -357,6 +417,7 @@ def measure(argv, env, stdin=None, stdout=None, check=True, what=None):
     os.close(fd)
     fin = open(stdin, "rb") if stdin else subprocess.DEVNULL
     fout = open(stdout, "wb") if stdout else subprocess.PIPE
+    load = load_average()
     try:
         start = time.monotonic()
         res = subprocess.run([TIME, "-v", "-o", report] + argv, env=env, stdin=fin, stdout=fout,
@@ -373,7 +434,7 @@ def measure(argv, env, stdin=None, stdout=None, check=True, what=None):
             if "Maximum resident set size" in line:
                 rss = int(line.rsplit(":", 1)[1])
     os.unlink(report)
-    m = Measure(seconds, rss, res.returncode, res.stdout or b"", res.stderr)
+    m = Measure(seconds, rss, res.returncode, res.stdout or b"", res.stderr, load)
     if check and res.returncode != 0:
         die("%s exited with %d:\n%s" % (what or " ".join(argv), res.returncode,
                                         m.err.decode("utf-8", "replace")[-3000:]))
@@ -434,7 +495,7 @@ def rounds(sides, count, before=None, verbose=True):
             m = run()
             results[name].append(m)
             if verbose:
-                log("%s: %.2f s, max RSS %.1f MiB" % (name, m.seconds, m.rss_mib))
+                log("%s: %.2f s, max RSS %.1f MiB, load %.2f" % (name, m.seconds, m.rss_mib, m.load))
     return results
 
 
@@ -487,10 +548,10 @@ def cached_md5(path):
     return digest
 
 
-def data_agent_dir(scratch, items):
+def data_agent_dir(scratch, items, tag="agent"):
     """A remote directory holding the benchmark agent and the content list
     of items; the archives themselves are placed by place_archives."""
-    d = scratch.remote_dir("agent")
+    d = scratch.remote_dir(tag)
     shutil.copy(os.path.join(AGENTS, DATA_AGENT, "bench-agent.pl"), d)
     total = sum(size for _, _, size, _ in items)
     body = "".join('  <file size="%d" md5sum="%s">%s</file>\n' % (size, md5, name)
