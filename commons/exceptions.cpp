@@ -77,6 +77,7 @@ VELMO_TAG(CantRenameFile, "CantRenameFile", "Cannot rename %1% to %2%: %3%")
 VELMO_TAG(CantStatFS, "CantStatFS", "Cannot stat filesystem containing %1%: %2%")
 VELMO_TAG(CantCreateTempFile, "CantCreateTempFile",
           "Can not create temporary file with the template '%1%': %2%.")
+VELMO_TAG(CantWriteRemoteFile, "CantWriteRemoteFile", "Cannot write the remote file %1%: %2%")
 VELMO_TAG(UnsafeContentFileName, "UnsafeContentFileName",
           "Refusing to retrieve content file '%1%': the name leads outside the content directory")
 

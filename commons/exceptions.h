@@ -218,6 +218,8 @@ extern const ExTag tError_XPath_TypesMismatch;
 extern const ExTag CantRenameFile;
 extern const ExTag CantStatFS;
 extern const ExTag CantCreateTempFile;
+// A remote file that could not be written (the remote error follows).
+extern const ExTag CantWriteRemoteFile;
 // Refusal of a content list entry that would leave the content directory.
 extern const ExTag UnsafeContentFileName;
 

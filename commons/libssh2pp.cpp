@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include <netdb.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <log4cpp/Category.hh>
@@ -19,9 +20,21 @@ namespace libssh2pp {
 static log4cpp::Category& sessionLogger = log4cpp::Category::getInstance("p.libssh2pp.Session");
 static log4cpp::Category& channelLogger = log4cpp::Category::getInstance("p.libssh2pp.Channel");
 
-// Size of the receive window and of the largest packet of every channel.
-static const unsigned kWindowSize = 65536;
-static const unsigned kPacketSize = 16384;
+// Receive window of a channel: one round trip of the fastest link that this
+// client can drain (libssh2 reads some 120 MiB/s), within bounds. On a short
+// link the window stays small, so that little waits in memory; a channel
+// holds at most its window. OpenSSH gives a channel's input 16 MiB at most.
+static const double kDrainBytesPerMs = 256.0 * 1024;
+static const unsigned kMinWindow = 2u << 20;
+static const unsigned kMaxWindow = 15u << 20;
+// The largest packet libssh2 accepts is a little over 32 KiB.
+static const unsigned kPacketSize = 32768;
+// Once logged in, a blocking call of the library (opening or closing a
+// channel, starting a command) that waits this long for the peer fails:
+// remote commands themselves run without a bound, outside blocking calls.
+static const long kProtocolTimeoutMs = 120 * 1000;
+// What closing a session may take before it is given up.
+static const long kCloseTimeoutMs = 5000;
 
 void qmv_libssh2_channel_free(LIBSSH2_CHANNEL* channel) {
     (void)libssh2_channel_free(channel);
@@ -37,20 +50,14 @@ Channel::~Channel() {
     channelLogger.debugStream() << "Closed";
 }
 
-int Channel::poll(int timeout) {
+bool Channel::closedByPeer() {
     LIBSSH2_POLLFD entry;
     entry.type = LIBSSH2_POLLFD_CHANNEL;
     entry.fd.channel = get();
-    // In this library the extended-data test also sees ordinary data, so
-    // asking for both ends the wait on input of either stream: standard
-    // error arriving alone does not have to sit out the time-out.
-    entry.events = LIBSSH2_POLLFD_POLLIN | LIBSSH2_POLLFD_POLLEXT;
+    entry.events = 0;
     entry.revents = 0;
-    libssh2_poll(&entry, 1, timeout);
-    const unsigned long bothClosed = LIBSSH2_POLLFD_SESSION_CLOSED | LIBSSH2_POLLFD_CHANNEL_CLOSED;
-    if ((entry.revents & bothClosed) == bothClosed)
-        throw VELMO_EXC(SshConnectionFault);
-    return static_cast<int>(entry.revents);
+    libssh2_poll(&entry, 1, 0);
+    return (entry.revents & LIBSSH2_POLLFD_CHANNEL_CLOSED) != 0;
 }
 
 // The numeric address of the peer of a connected socket, for messages.
@@ -68,6 +75,7 @@ static std::string peerAddress(int socket) {
 Session::Session(int socket, bool disableEncryption, bool compatibilityMode, long loginTimeoutMs)
     : Handle(libssh2_session_init_ex(nullptr, nullptr, nullptr, nullptr)),
       socket_(socket),
+      roundTripMs_(1e9),
       loginLimited_(loginTimeoutMs > 0),
       loginTimeoutMs_(loginTimeoutMs),
       loginDeadline_(std::chrono::steady_clock::now() + std::chrono::milliseconds(loginTimeoutMs)),
@@ -101,7 +109,30 @@ Session::Session(int socket, bool disableEncryption, bool compatibilityMode, lon
 
 Session::~Session() {
     sessionLogger.debugStream() << "SSH session finished";
+    // Closing what is left waits a little for the peer, never for ever.
+    libssh2_session_set_blocking(get(), 1);
+    libssh2_session_set_timeout(get(), kCloseTimeoutMs);
     reserveChannel_.reset();
+}
+
+bool Session::waitSocket(int timeoutMs) {
+    const int directions = libssh2_session_block_directions(get());
+    pollfd entry;
+    entry.fd = socket_;
+    entry.events = 0;
+    if (directions & LIBSSH2_SESSION_BLOCK_INBOUND)
+        entry.events |= POLLIN;
+    if (directions & LIBSSH2_SESSION_BLOCK_OUTBOUND)
+        entry.events |= POLLOUT;
+    if (entry.events == 0)
+        entry.events = POLLIN;
+    entry.revents = 0;
+    return ::poll(&entry, 1, timeoutMs) > 0;
+}
+
+void Session::sawRoundTrips(std::chrono::steady_clock::time_point since, int trips) {
+    const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - since).count();
+    roundTripMs_ = std::min(roundTripMs_, ms / trips);
 }
 
 void Session::armLoginTimeout(const char* step) {
@@ -127,10 +158,8 @@ void Session::loginTimedOut(const char* step) {
 }
 
 void Session::endLoginTimeout() {
-    if (!loginLimited_)
-        return;
     loginLimited_ = false;
-    libssh2_session_set_timeout(get(), 0);
+    libssh2_session_set_timeout(get(), kProtocolTimeoutMs);
 }
 
 std::string Session::lastError() const {
@@ -141,7 +170,12 @@ std::string Session::lastError() const {
 
 void Session::getAuthMethodsList(const std::string& login, std::vector<std::string>& methods) {
     sessionLogger.debugStream() << "Getting userauth methods for user '" << login << "'";
+    // The "none" authentication: one round trip with next to no work on the
+    // server, the first measure of the link.
+    const auto asked = std::chrono::steady_clock::now();
     const char* raw = libssh2_userauth_list(get(), login.c_str(), static_cast<unsigned>(login.size()));
+    if (raw != nullptr)
+        sawRoundTrips(asked, 1);
     if (raw == nullptr)
         checkLoginTimeout("authentication");
     // The library owns this string and frees it with the session: copy it,
@@ -234,17 +268,27 @@ void Session::userauth_callback(const char* /*name*/, int /*name_len*/, const ch
 }
 
 LIBSSH2_CHANNEL* Session::openSessionChannel() {
-    LIBSSH2_CHANNEL* channel = libssh2_channel_open_ex(get(), "session", 7, kWindowSize, kPacketSize, nullptr, 0);
+    const double window = std::min<double>(kMaxWindow, std::max<double>(kMinWindow, roundTripMs_ * kDrainBytesPerMs));
+    const auto start = std::chrono::steady_clock::now();
+    LIBSSH2_CHANNEL* channel = libssh2_channel_open_ex(get(), "session", 7, static_cast<unsigned>(window),
+                                                       kPacketSize, nullptr, 0);
+    if (channel != nullptr) {
+        sawRoundTrips(start, 1);
+        return channel;
+    }
     // Only the reserve channel is opened while the login time runs.
-    if (channel == nullptr)
-        checkLoginTimeout("authentication");
+    checkLoginTimeout("authentication");
+    const int error = libssh2_session_last_errno(get());
+    if (error == LIBSSH2_ERROR_TIMEOUT || error == LIBSSH2_ERROR_SOCKET_RECV || error == LIBSSH2_ERROR_SOCKET_SEND ||
+        error == LIBSSH2_ERROR_SOCKET_DISCONNECT)
+        throw VELMO_EXC(SshConnectionFault);
     return channel;
 }
 
-std::unique_ptr<Channel> Session::openExecChannel(const std::string& command, Channel::Mode mode) {
+std::unique_ptr<Channel> Session::openExecChannel(const std::string& command) {
     sessionLogger.debugStream() << "Opening SSH channel for command '" << maskSecrets(command) << "'";
+    setBlocking(true);
     std::unique_ptr<Channel> channel(new Channel(openSessionChannel()));
-    libssh2_channel_set_blocking(channel->get(), mode);
     (void)libssh2_channel_process_startup(channel->get(), "exec", 4, command.c_str(),
                                           static_cast<unsigned>(command.size()));
     return channel;
@@ -253,11 +297,7 @@ std::unique_ptr<Channel> Session::openExecChannel(const std::string& command, Ch
 void Session::create_reserve_channel() {
     sessionLogger.debugStream() << "Create a reserve channel";
     reserveChannel_.reset(new Channel(openSessionChannel()));
-    libssh2_channel_set_blocking(reserveChannel_->get(), Channel::NonBlocking);
     (void)libssh2_channel_process_startup(reserveChannel_->get(), "exec", 4, "cat", 3);
-    // This library keeps the blocking mode per session, not per channel: put
-    // the session back into the blocking mode that every other call expects.
-    libssh2_session_set_blocking(get(), 1);
 }
 
 }  // namespace libssh2pp

@@ -22,17 +22,12 @@ void qmv_libssh2_session_free(LIBSSH2_SESSION* session);
 class Channel : public Handle<LIBSSH2_CHANNEL*, &qmv_libssh2_channel_free,
                               DefaultValidationPolicy<LIBSSH2_CHANNEL*> > {
 public:
-    enum Mode { NonBlocking = 0, Blocking = 1 };
-
     // Takes ownership of a channel; throws Exc<&InvalidHandle> for null.
     explicit Channel(LIBSSH2_CHANNEL* channel);
     ~Channel() override;
 
-    // Waits up to timeout milliseconds for input on the channel and returns
-    // the events seen (LIBSSH2_POLLFD_*). Throws Exc<&SshConnectionFault>
-    // when the session and the channel are both reported closed; a time-out
-    // or one closed bit alone is no error.
-    int poll(int timeout);
+    // Whether the peer closed the channel (with or without an end of file).
+    bool closedByPeer();
 };
 
 class Session : public Handle<LIBSSH2_SESSION*, &qmv_libssh2_session_free,
@@ -65,9 +60,12 @@ public:
                                   const LIBSSH2_USERAUTH_KBDINT_PROMPT* prompts,
                                   LIBSSH2_USERAUTH_KBDINT_RESPONSE* responses, void** abstract);
 
-    // A new session channel (window 65536, packets 16384) on which command
-    // has been started with an "exec" request.
-    std::unique_ptr<Channel> openExecChannel(const std::string& command, Channel::Mode mode);
+    // A new session channel on which command has been started with an "exec"
+    // request. Its receive window covers what the link can carry in one round
+    // trip (from 2 MiB on short links up to 15 MiB), its packets are 32 KiB.
+    // Opened in blocking mode; a peer that does not answer within two minutes
+    // gives Exc<&SshConnectionFault>.
+    std::unique_ptr<Channel> openExecChannel(const std::string& command);
 
     // Opens the reserve channel: "cat" waiting on the remote side for input
     // that never comes, kept open until the session ends.
@@ -76,8 +74,22 @@ public:
     // The library's text for the last error of the session.
     std::string lastError() const;
 
+    // Blocking mode for the calls of the library: remote commands switch it
+    // off while they move data and wait on the socket themselves.
+    void setBlocking(bool blocking) { libssh2_session_set_blocking(get(), blocking ? 1 : 0); }
+    // Waits until the socket is ready for what the library last waited on
+    // (reading if nothing else), at most timeoutMs; true when it is ready.
+    bool waitSocket(int timeoutMs);
+    // Whether the library holds a packet it could only partly send: the call
+    // that started it must be repeated before anything else is sent.
+    bool sendPending() const { return (libssh2_session_block_directions(get()) & LIBSSH2_SESSION_BLOCK_OUTBOUND) != 0; }
+
+    // The shortest round trip seen so far, in milliseconds.
+    double roundTripMs() const { return roundTripMs_; }
+
 private:
     LIBSSH2_CHANNEL* openSessionChannel();
+    void sawRoundTrips(std::chrono::steady_clock::time_point since, int trips);
 
     // Gives the library what is left of the login time for its next call,
     // or throws Exc<&ConnectionTimedOut> when nothing is left.
@@ -89,6 +101,7 @@ private:
     void endLoginTimeout();
 
     int socket_;
+    double roundTripMs_;
     bool loginLimited_;
     long loginTimeoutMs_;
     std::chrono::steady_clock::time_point loginDeadline_;

@@ -8,7 +8,6 @@
 #include <sstream>
 #include <vector>
 
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -68,10 +67,6 @@ int IOStreamWriteChannel::write(const char* data, unsigned size) {
     return static_cast<int>(size);
 }
 
-int SshChannelWriteChannel::write(const char* data, unsigned size) {
-    return static_cast<int>(libssh2_channel_write_ex(channel_.get(), 0, data, size));
-}
-
 std::ostream& operator<<(std::ostream& out, const memchunk_log& chunk) {
     for (std::size_t i = 0; i < chunk.length; ++i)
         out << chunk.data[i];
@@ -80,54 +75,22 @@ std::ostream& operator<<(std::ostream& out, const memchunk_log& chunk) {
 
 // Logs a chunk of a remote stream behind prefix, with every known password
 // masked; nothing is built when debug lines are not wanted.
-static void logChunk(const char* prefix, const char* data, int length) {
-    if (length <= 0 || !logger.isDebugEnabled())
+static void logChunk(const char* prefix, const char* data, std::size_t length) {
+    if (length == 0 || !logger.isDebugEnabled())
         return;
-    const std::string text = maskSecrets(std::string(data, static_cast<std::size_t>(length)));
+    const std::string text = maskSecrets(std::string(data, length));
     logger.debugStream() << prefix << memchunk_log(text.data(), text.size());
 }
 
-void Ssh::logPump(const char* data, int length) {
-    logChunk("remote stdin <- ", data, length);
-}
-
-void pump_write(IOWriteChannel& to, char* data, int length) {
+void pump_write(IOWriteChannel& to, const char* data, int length) {
     checkProgramTerminated();
-    if (length < 1)
-        return;
-    char* position = data;
-    int remaining = length;
-    for (;;) {
-        const int written = to.write(position, static_cast<unsigned>(remaining));
+    while (length > 0) {
+        const int written = to.write(data, static_cast<unsigned>(length));
         if (written < 0)
             throw VELMO_EXC(StreamWrite);
-        if (written >= remaining)
-            return;
-        position += written;
-        remaining -= written;
+        data += written;
+        length -= written;
     }
-}
-
-static void pumpChunks(IOReadChannel& from, IOWriteChannel& to, bool logChunks) {
-    std::vector<char> buffer(kChunkSize);
-    for (;;) {
-        const int n = from.read(buffer.data(), kChunkSize);
-        if (n == 0)
-            return;
-        if (n < 0)
-            throw VELMO_EXC(StreamRead);
-        pump_write(to, buffer.data(), n);
-        if (logChunks)
-            Ssh::logPump(buffer.data(), n);
-    }
-}
-
-void pump(IOReadChannel& from, IOWriteChannel& to) {
-    pumpChunks(from, to, false);
-}
-
-void pump_with_log(IOReadChannel& from, IOWriteChannel& to, Ssh& /*ssh*/) {
-    pumpChunks(from, to, true);
 }
 
 // The login time-out in seconds: a whole number from 1 to a day in
@@ -195,25 +158,11 @@ Ssh::~Ssh() {
     socket_.reset();
 }
 
-// The library does not notice a peer that closed the TCP connection without
-// closing its channels first: it keeps finding the socket readable and waits
-// out every time-out. Looking at the socket directly tells such a connection
-// from one that is merely quiet.
-bool Ssh::connectionLost() const {
-    char probe;
-    ssize_t rc;
-    do {
-        rc = ::recv(socket_->fd(), &probe, 1, MSG_PEEK | MSG_DONTWAIT);
-    } while (rc < 0 && errno == EINTR);
-    if (rc == 0)
-        return true;
-    return rc < 0 && errno != EAGAIN && errno != EWOULDBLOCK;
-}
-
 // Library errors that mean the connection itself is gone.
 static bool isSocketError(ssize_t rc) {
     return rc == LIBSSH2_ERROR_SOCKET_RECV || rc == LIBSSH2_ERROR_SOCKET_SEND ||
-           rc == LIBSSH2_ERROR_SOCKET_DISCONNECT || rc == LIBSSH2_ERROR_SOCKET_TIMEOUT;
+           rc == LIBSSH2_ERROR_SOCKET_DISCONNECT || rc == LIBSSH2_ERROR_SOCKET_TIMEOUT ||
+           rc == LIBSSH2_ERROR_TIMEOUT;
 }
 
 void Ssh::setPeriodic(std::chrono::milliseconds interval, std::function<bool()> task) {
@@ -242,7 +191,7 @@ int Ssh::runPeriodicTask() {
     return static_cast<int>(std::max<long long>(0, std::min<long long>(left, kPollTimeoutMs)));
 }
 
-int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
+int Ssh::exec(const std::string& command, IOReadChannel& in, IOWriteChannel& out, IOWriteChannel& err,
               bool quietOutput, bool quietInput, Counter& counter) {
     try {
         return execChannel(command, in, out, err, quietOutput, quietInput, counter);
@@ -254,114 +203,138 @@ int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, s
     }
 }
 
-int Ssh::execChannel(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
+namespace {
+// Puts the session back into blocking mode when a command is done with it,
+// however it ends, so that its channel is closed in that mode.
+class BlockingWhenDone {
+public:
+    explicit BlockingWhenDone(libssh2pp::Session& session) : session_(session) {}
+    ~BlockingWhenDone() { session_.setBlocking(true); }
+
+private:
+    libssh2pp::Session& session_;
+};
+}  // namespace
+
+// The loop never blocks inside the library. A call that the library cannot
+// finish at once (EAGAIN) is made again, with the same arguments, before any
+// other call that sends: the library keeps a packet it could only partly send
+// and refuses to send another one meanwhile. In between the loop waits on the
+// socket, for at most the time left to the periodic task.
+int Ssh::execChannel(const std::string& command, IOReadChannel& in, IOWriteChannel& out, IOWriteChannel& err,
                      bool quietOutput, bool quietInput, Counter& counter) {
     logger.debugStream() << "Executing " << maskSecrets(command) << " on the remote host";
-    std::unique_ptr<libssh2pp::Channel> channel =
-        session_->openExecChannel(command, libssh2pp::Channel::Blocking);
+    std::unique_ptr<libssh2pp::Channel> channel = session_->openExecChannel(command);
+    BlockingWhenDone blockingWhenDone(*session_);
     LIBSSH2_CHANNEL* raw = channel->get();
 
-    {
-        IOStreamReadChannel input(in);
-        SshChannelWriteChannel toRemote(*channel);
-        if (quietInput)
-            pump(input, toRemote);
-        else
-            pump_with_log(input, toRemote, *this);
-    }
-
-    int rc = libssh2_channel_send_eof(raw);
-    if (rc < 0)
-        throw VELMO_EXC(UnableToSendEof) % session_->lastError();
-
-    IOStreamWriteChannel outChannel(out);
-    IOStreamWriteChannel errChannel(err);
+    enum { SendInput, SendEof, Receive } phase = SendInput;
+    std::vector<char> input(kChunkSize);
+    int inputLength = 0;
+    int inputSent = 0;
     std::vector<char> buffer(kChunkSize);
     bool closedWithoutEof = false;
-    // Reads one chunk of a stream without waiting. Every read also makes the
-    // library decode what it has already taken off the socket: a packet it
-    // holds undecoded (the end of file, the close) leaves the socket quiet,
-    // so waiting on the socket alone would never see it.
-    // When that read gives nothing although data of the stream is queued
-    // (the read's window adjustment did not go out at once), a blocking read
-    // takes it: with data queued it does not wait for the peer. The test for
-    // standard error also answers for queued standard output, so standard
-    // error is read that way only when no standard output is queued.
-    const auto readNow = [&](int stream) -> ssize_t {
-        libssh2_channel_set_blocking(raw, libssh2pp::Channel::NonBlocking);
-        ssize_t got = libssh2_channel_read_ex(raw, stream, buffer.data(), kChunkSize);
-        libssh2_channel_set_blocking(raw, libssh2pp::Channel::Blocking);
-        if (got == LIBSSH2_ERROR_EAGAIN) {
-            const bool queued = stream == 0 ? libssh2_poll_channel_read(raw, 0) != 0
-                                            : !libssh2_poll_channel_read(raw, 0) &&
-                                                  libssh2_poll_channel_read(raw, 1);
-            got = queued ? libssh2_channel_read_ex(raw, stream, buffer.data(), kChunkSize) : 0;
-        }
-        return got == LIBSSH2_ERROR_EAGAIN ? 0 : got;
-    };
     for (;;) {
         checkProgramTerminated();
-        if (libssh2_channel_eof(raw) != 0)
-            break;
-        const int waitMs = runPeriodicTask();
+        session_->setBlocking(false);
+        bool progress = false;
 
-        bool readSomething = false;
-        ssize_t n = readNow(0);
-        // Any other negative count is an error of the library: nothing to
-        // log, count or write. Once the socket has failed, though, every
-        // later read fails the same way, so the loop would spin on it.
-        if (isSocketError(n))
-            throw VELMO_EXC(SshConnectionFault);
-        if (n > 0) {
-            readSomething = true;
-            if (!quietOutput)
-                logChunk("remote stdout -> ", buffer.data(), static_cast<int>(n));
-            counter(static_cast<int>(n));
-            pump_write(outChannel, buffer.data(), static_cast<int>(n));
-        }
-        n = readNow(1);
-        if (isSocketError(n))
-            throw VELMO_EXC(SshConnectionFault);
-        if (n > 0) {
-            readSomething = true;
-            if (!quietOutput)
-                logChunk("remote stderr -> ", buffer.data(), static_cast<int>(n));
-            pump_write(errChannel, buffer.data(), static_cast<int>(n));
-        }
-        if (readSomething)
-            continue;
-
-        if (libssh2_channel_eof(raw) != 0)
-            break;
-        const bool queued = libssh2_poll_channel_read(raw, 1) != 0;
-        if (queued) {
-            // Queued data that no read would take (a window adjustment the
-            // socket did not accept yet, say): give it a moment rather than
-            // spin.
-            ::usleep(10000);
-            continue;
-        }
-        if (connectionLost())
-            throw VELMO_EXC(SshConnectionFault);
-        const int events = channel->poll(waitMs);
-        // A channel closed by the peer without an end of file would otherwise
-        // keep the loop spinning.
-        if (events & LIBSSH2_POLLFD_CHANNEL_CLOSED) {
-            if (!libssh2_poll_channel_read(raw, 1) && libssh2_channel_eof(raw) == 0) {
-                closedWithoutEof = true;
-                break;
+        if (phase == SendInput) {
+            if (inputSent == inputLength) {
+                const int n = in.read(input.data(), kChunkSize);
+                if (n < 0)
+                    throw VELMO_EXC(StreamRead);
+                if (!quietInput)
+                    logChunk("remote stdin <- ", input.data(), static_cast<std::size_t>(n));
+                inputLength = n;
+                inputSent = 0;
+                if (n == 0)
+                    phase = SendEof;
+                progress = true;
+            }
+            if (phase == SendInput) {
+                const ssize_t w = libssh2_channel_write_ex(raw, 0, input.data() + inputSent,
+                                                           static_cast<size_t>(inputLength - inputSent));
+                if (w > 0) {
+                    inputSent += static_cast<int>(w);
+                    progress = true;
+                } else if (isSocketError(w)) {
+                    throw VELMO_EXC(SshConnectionFault);
+                } else if (w != LIBSSH2_ERROR_EAGAIN) {
+                    // The command takes no more input (it ended or closed its
+                    // end): what it said and its status tell the rest.
+                    logger.debugStream() << "The remote command stopped taking input: " << session_->lastError();
+                    phase = Receive;
+                    progress = true;
+                }
             }
         }
+
+        if (phase == SendEof) {
+            const int rc = libssh2_channel_send_eof(raw);
+            if (rc == 0 || (rc != LIBSSH2_ERROR_EAGAIN && channel->closedByPeer())) {
+                phase = Receive;
+                progress = true;
+            } else if (isSocketError(rc)) {
+                throw VELMO_EXC(SshConnectionFault);
+            } else if (rc != LIBSSH2_ERROR_EAGAIN) {
+                throw VELMO_EXC(UnableToSendEof) % session_->lastError();
+            }
+        }
+
+        if (phase == Receive) {
+            for (int stream = 0; stream < 2; ++stream) {
+                const ssize_t n = libssh2_channel_read_ex(raw, stream, buffer.data(), kChunkSize);
+                if (n > 0) {
+                    progress = true;
+                    if (!quietOutput)
+                        logChunk(stream == 0 ? "remote stdout -> " : "remote stderr -> ", buffer.data(),
+                                 static_cast<std::size_t>(n));
+                    if (stream == 0)
+                        counter(static_cast<int>(n));
+                    pump_write(stream == 0 ? out : err, buffer.data(), static_cast<int>(n));
+                } else if (isSocketError(n)) {
+                    throw VELMO_EXC(SshConnectionFault);
+                }
+            }
+            if (!session_->sendPending()) {
+                if (libssh2_channel_eof(raw) != 0)
+                    break;
+                if (!progress && channel->closedByPeer() && !libssh2_poll_channel_read(raw, 0) &&
+                    !libssh2_poll_channel_read(raw, 1)) {
+                    closedWithoutEof = true;
+                    break;
+                }
+            }
+        }
+        if (progress)
+            continue;
+
+        int waitMs = kPollTimeoutMs;
+        if (phase == Receive && !session_->sendPending()) {
+            waitMs = runPeriodicTask();
+            session_->setBlocking(false);
+            // The task's own reads may have taken this command's data off
+            // the socket: look again before waiting on it.
+            if (libssh2_poll_channel_read(raw, 0) || libssh2_poll_channel_read(raw, 1) ||
+                libssh2_channel_eof(raw) != 0)
+                continue;
+        }
+        session_->waitSocket(waitMs);
     }
 
-    char* signalName = nullptr;
-    rc = closedWithoutEof ? 0 : libssh2_channel_wait_closed(raw);
-    int status = libssh2_channel_get_exit_status(raw);
-    if (rc == 0)
-        libssh2_channel_get_exit_signal(raw, &signalName, nullptr, nullptr, nullptr, nullptr, nullptr);
+    int rc = 0;
+    while (!closedWithoutEof && (rc = libssh2_channel_wait_closed(raw)) == LIBSSH2_ERROR_EAGAIN) {
+        checkProgramTerminated();
+        session_->waitSocket(kPollTimeoutMs);
+    }
     // Without the close the status is unknown: the library would say 0.
     if (rc < 0)
         throw VELMO_EXC(SshConnectionFault);
+    int status = libssh2_channel_get_exit_status(raw);
+    char* signalName = nullptr;
+    if (!closedWithoutEof)
+        libssh2_channel_get_exit_signal(raw, &signalName, nullptr, nullptr, nullptr, nullptr, nullptr);
     if (signalName != nullptr) {
         // A command killed by a signal has no exit status; report it as the
         // OpenSSH client does rather than as a success.
@@ -371,8 +344,17 @@ int Ssh::execChannel(const std::string& command, std::istream& in, std::ostream&
             status = 255;
     }
     logger.debugStream() << "Execution finished with return code " << status;
+    session_->setBlocking(true);
     channel.reset();
     return status;
+}
+
+int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
+              bool quietOutput, bool quietInput, Counter& counter) {
+    IOStreamReadChannel input(in);
+    IOStreamWriteChannel output(out);
+    IOStreamWriteChannel errors(err);
+    return exec(command, input, output, errors, quietOutput, quietInput, counter);
 }
 
 int Ssh::exec(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput,
@@ -449,9 +431,10 @@ int Ssh::get(const std::string& localPath, const std::string& remotePath) {
 void Ssh::put(std::istream& in, const std::string& remotePath) {
     logger.debugStream() << "Writing data to the remote file " << remotePath;
     const std::string command = (boost::format("cat > %1%") % sh_quote(remotePath)).str();
-    std::ostringstream discardedOut;
-    std::ostringstream discardedErr;
-    exec(command, in, discardedOut, discardedErr, true, true, null_counter);
+    std::ostringstream out;
+    std::ostringstream err;
+    if (exec(command, in, out, err, true, true, null_counter) != 0)
+        throw VELMO_EXC(CantWriteRemoteFile) % remotePath % err.str();
 }
 
 void Ssh::put(const std::string& localPath, const std::string& remotePath) {

@@ -18,8 +18,8 @@
 
 namespace velmo {
 
-// A stop request: every transfer ends at its next chunk. Stands outside the
-// tagged exceptions; the driver treats it as a clean stop.
+// A stop request: every transfer ends at its next chunk or wait. Stands
+// outside the tagged exceptions; the driver treats it as a clean stop.
 class MigrationTerminatedException : public std::runtime_error {
 public:
     MigrationTerminatedException();
@@ -66,16 +66,6 @@ private:
     std::ostream& out_;
 };
 
-// Writes the standard input of the command running on a channel.
-class SshChannelWriteChannel : public IOWriteChannel {
-public:
-    explicit SshChannelWriteChannel(libssh2pp::Channel& channel) : channel_(channel) {}
-    int write(const char* data, unsigned size) override;
-
-private:
-    libssh2pp::Channel& channel_;
-};
-
 // A block of bytes written to a log stream as it is: no escaping, no
 // truncation, no line end.
 struct memchunk_log {
@@ -116,10 +106,13 @@ public:
     void setPeriodic(std::chrono::milliseconds interval, std::function<bool()> task);
     void clearPeriodic() { periodic_ = nullptr; }
 
-    // Runs command with in as its standard input (sent whole, then EOF) and
-    // copies its standard output and error into out and err as they arrive.
-    // Returns the exit status. quietOutput keeps output chunks out of the
-    // log, quietInput input chunks.
+    // Runs command with in as its standard input (all of it, then the end of
+    // file) and passes its standard output and error to out and err as they
+    // arrive. Returns the exit status; a command killed by a signal counts as
+    // 255. quietOutput keeps output chunks out of the log, quietInput input
+    // chunks. The connection gone gives Exc<&SshConnectionFault>.
+    int exec(const std::string& command, IOReadChannel& in, IOWriteChannel& out, IOWriteChannel& err,
+             bool quietOutput, bool quietInput, Counter& counter);
     int exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
              bool quietOutput, bool quietInput, Counter& counter);
     int exec(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput,
@@ -134,21 +127,18 @@ public:
             Counter& counter);
     int get(const std::string& localPath, const std::string& remotePath);
 
-    // Writes a remote file with "cat >"; the status is not examined.
+    // Writes a remote file with "cat >"; a write that fails on the remote side
+    // gives Exc<&CantWriteRemoteFile> with the remote error.
     void put(std::istream& in, const std::string& remotePath);
     // The same from a local file; a file that cannot be opened throws
     // Exc<&StreamRead> before anything is sent.
     void put(const std::string& localPath, const std::string& remotePath);
 
-    // Logs one chunk of standard input, passwords masked.
-    static void logPump(const char* data, int length);
-
 private:
     void logIn(const std::string& host, const std::string& login, const std::string& password,
                bool disableEncryption, unsigned short port);
-    int execChannel(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
+    int execChannel(const std::string& command, IOReadChannel& in, IOWriteChannel& out, IOWriteChannel& err,
                     bool quietOutput, bool quietInput, Counter& counter);
-    bool connectionLost() const;
     // Runs the periodic task when it is due; returns the milliseconds the loop
     // may wait at most before it is due again.
     int runPeriodicTask();
@@ -160,14 +150,9 @@ private:
     std::chrono::steady_clock::time_point periodicDue_;
 };
 
-// Copies from into to until the end of from, in chunks of 65536 bytes;
-// Exc<&StreamRead> when from fails.
-void pump(IOReadChannel& from, IOWriteChannel& to);
-// The same, logging every chunk with Ssh::logPump.
-void pump_with_log(IOReadChannel& from, IOWriteChannel& to, Ssh& ssh);
 // Writes the whole chunk, calling to again for what it did not take; checks
 // the termination flag first; Exc<&StreamWrite> on an error of to.
-void pump_write(IOWriteChannel& to, char* data, int length);
+void pump_write(IOWriteChannel& to, const char* data, int length);
 
 }  // namespace velmo
 
