@@ -186,6 +186,8 @@ def staging_tree(dest):
     shutil.copytree(os.path.join(AGENTS, "shared"), dest)
     shutil.copytree(os.path.join(AGENTS, TREE_AGENT), dest, dirs_exist_ok=True,
                     ignore=lambda d, names: ["control"] if d == os.path.join(AGENTS, TREE_AGENT) else [])
+    # The marker a deployment writes first into the agent directory.
+    open(os.path.join(dest, ".vantrel-agent"), "w").close()
     for d, dirs, files in os.walk(dest):
         os.chmod(d, 0o755)
         for n in files:

@@ -1,10 +1,60 @@
 #ifndef VANTREL_COMMONS_CHECKSUM_H
 #define VANTREL_COMMONS_CHECKSUM_H
 
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
 #include <istream>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
+
+#include <openssl/evp.h>
 
 namespace velmo {
+
+// An MD5 sum computed piece by piece, as data passes.
+class Md5 {
+public:
+    Md5();
+    void update(const void* data, std::size_t length);
+    // The sum of everything so far as 32 lower-case hex digits; the object
+    // is spent afterwards.
+    std::string hex();
+
+private:
+    std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> context_;
+};
+
+// An MD5 sum computed on a thread of its own while the caller goes on
+// receiving: the bytes are copied into a few buffers (2 MiB at most) that the
+// thread sums in order; update() waits while all of them are full. The
+// thread only sums: it touches no file, socket or signal.
+class BackgroundMd5 {
+public:
+    BackgroundMd5();
+    ~BackgroundMd5();
+    BackgroundMd5(const BackgroundMd5&) = delete;
+    BackgroundMd5& operator=(const BackgroundMd5&) = delete;
+
+    void update(const void* data, std::size_t length);
+    // The sum of everything handed so far; the object is spent afterwards.
+    std::string hex();
+
+private:
+    void run();
+
+    Md5 sum_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<std::vector<char>> full_;
+    std::vector<std::vector<char>> free_;
+    bool closing_ = false;
+    bool busy_ = false;
+    std::thread thread_;
+};
 
 // MD5 of everything the stream yields, as 32 lower-case hex digits; reads in
 // 4096-byte blocks; throws Exc<&StreamRead> on a read error.

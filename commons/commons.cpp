@@ -68,7 +68,8 @@ void makeDirIn(char* path, unsigned uid, unsigned gid, unsigned mode) {
         makeDirIn(path, uid, gid, mode);
         *slash = '/';
     }
-    if (mkdir(path, mode) == 0 && chown(path, uid, gid) != 0) {
+    // The mode is the one asked for, whatever the file-creation mask says.
+    if (mkdir(path, mode) == 0 && (chmod(path, mode) != 0 || chown(path, uid, gid) != 0)) {
         // Not checked here: a directory with the wrong owner shows when it is used.
     }
 }
@@ -81,14 +82,7 @@ void make_dir(const std::string& path, unsigned uid, unsigned gid, unsigned mode
 }
 
 void make_content_dir(const std::string& path, unsigned uid, unsigned gid, unsigned mode) {
-    mode_t old = umask(022);
-    try {
-        make_dir(path, uid, gid, mode);
-    } catch (...) {
-        umask(old);
-        throw;
-    }
-    umask(old);
+    make_dir(path, uid, gid, mode);
 }
 
 std::string getFileNameFromPath(const std::string& path) {
@@ -114,12 +108,31 @@ void getAdminIds(uid_t& uid, gid_t& gid) {
     }
 }
 
+void handToAdmin(const std::string& path) {
+    uid_t uid;
+    gid_t gid;
+    getAdminIds(uid, gid);
+    if (chown(path.c_str(), uid, gid) != 0)
+        runLog.warn("Unable to hand %s to %s: %s", path.c_str(), KVA_ADMIN_USER, std::strerror(errno));
+}
+
 namespace {
 std::vector<std::string>& secrets() {
     static std::vector<std::string> list;
     return list;
 }
+std::vector<std::string>& plainNames() {
+    static std::vector<std::string> list;
+    return list;
+}
+// Shorter passwords are too likely to stand in ordinary text for a message
+// to be masked where they do.
+const std::size_t kMinMaskedInMessages = 6;
 }  // namespace
+
+void addPlainName(const std::string& name) {
+    if (!name.empty()) plainNames().push_back(name);
+}
 
 void addSecret(const std::string& secret) {
     if (secret.empty()) return;
@@ -131,9 +144,16 @@ void addSecret(const std::string& secret) {
               [](const std::string& a, const std::string& b) { return a.size() > b.size(); });
 }
 
-std::string maskSecrets(const std::string& text) {
+std::string maskSecrets(const std::string& text, bool inMessage) {
     std::string out = text;
     for (const std::string& secret : secrets()) {
+        if (inMessage) {
+            if (secret.size() < kMinMaskedInMessages) continue;
+            const std::vector<std::string>& names = plainNames();
+            if (std::any_of(names.begin(), names.end(),
+                            [&](const std::string& name) { return name.find(secret) != std::string::npos; }))
+                continue;
+        }
         std::string::size_type at = 0;
         while ((at = out.find(secret, at)) != std::string::npos) {
             out.replace(at, secret.size(), "********");

@@ -21,10 +21,11 @@ std::string QMV_getTempFileName(const std::string& dir, const std::string& prefi
 // True when path names (after following links) a regular file.
 bool check_input_file(const char* path, bool);
 
-// Creates path and its missing parents with the given owner and mode; results
-// of mkdir and chown are not checked.
+// Creates path and its missing parents with the given owner and mode (the
+// file-creation mask does not narrow it); results of mkdir, chmod and chown
+// are not checked.
 void make_dir(const std::string& path, unsigned uid, unsigned gid, unsigned mode);
-// make_dir under the file-creation mask 022.
+// The same, for the directories of content archives.
 void make_content_dir(const std::string& path, unsigned uid, unsigned gid, unsigned mode);
 
 std::string getFileNameFromPath(const std::string& path);
@@ -35,11 +36,19 @@ extern const char* const KVA_ADMIN_USER;
 // User id and primary group id of kvaadm; 0 for what cannot be looked up, and
 // a warning in the log the first time the account is missing.
 void getAdminIds(uid_t& uid, gid_t& gid);
+// Makes a file the tool wrote for the controlling process kvaadm's (user and
+// primary group); a failure is logged, the file stays as it is.
+void handToAdmin(const std::string& path);
 
 // Passwords known to the run. Every log line that might carry one goes through
-// maskSecrets, which replaces each occurrence by "********".
+// maskSecrets, which replaces each occurrence by "********". In a message
+// for the controlling process (inMessage) a password is masked only when it
+// has 6 characters or more and is no part of a name given with addPlainName
+// (the login, the host), so that a short or common password does not mangle
+// the text; the log masks every one.
 void addSecret(const std::string& secret);
-std::string maskSecrets(const std::string& text);
+void addPlainName(const std::string& name);
+std::string maskSecrets(const std::string& text, bool inMessage = false);
 
 }  // namespace velmo
 

@@ -77,6 +77,15 @@ VELMO_TAG(CantRenameFile, "CantRenameFile", "Cannot rename %1% to %2%: %3%")
 VELMO_TAG(CantStatFS, "CantStatFS", "Cannot stat filesystem containing %1%: %2%")
 VELMO_TAG(CantCreateTempFile, "CantCreateTempFile",
           "Can not create temporary file with the template '%1%': %2%.")
+VELMO_TAG(CantFindHomeDirectory, "CantFindHomeDirectory",
+          "Cannot find the login's home directory for the agent directory %1%: %2%")
+VELMO_TAG(HostKeyMismatch, "HostKeyMismatch",
+          "The host key of %1% is not the one of this migration: %2% was expected, %3% was offered; no password was sent")
+VELMO_TAG(BadHostKeyPin, "BadHostKeyPin", "Cannot check the host key of %1% against %2%: %3%")
+VELMO_TAG(BadContentListNumber, "BadContentListNumber",
+          "The content list holds '%1%' where a number belongs: %2%")
+VELMO_TAG(ContentFileMismatch, "ContentFileMismatch",
+          "The content file '%1%' did not arrive whole: %2% bytes with MD5 sum %3% were listed, %4% bytes with MD5 sum %5% arrived")
 VELMO_TAG(CantWriteRemoteFile, "CantWriteRemoteFile", "Cannot write the remote file %1%: %2%")
 VELMO_TAG(UnsafeContentFileName, "UnsafeContentFileName",
           "Refusing to retrieve content file '%1%': the name leads outside the content directory")

@@ -218,6 +218,17 @@ extern const ExTag tError_XPath_TypesMismatch;
 extern const ExTag CantRenameFile;
 extern const ExTag CantStatFS;
 extern const ExTag CantCreateTempFile;
+// A relative agent directory whose base, the login's home, is unknown.
+extern const ExTag CantFindHomeDirectory;
+// The source host showed another key than the pinned one.
+extern const ExTag HostKeyMismatch;
+// The pinned key (KVA_HOST_KEY or the session's file) cannot be used.
+extern const ExTag BadHostKeyPin;
+// A size in the content list that is no number (the conversion's text follows).
+extern const ExTag BadContentListNumber;
+// A content archive whose bytes are not the listed ones: not kept, not
+// removed on the source host.
+extern const ExTag ContentFileMismatch;
 // A remote file that could not be written (the remote error follows).
 extern const ExTag CantWriteRemoteFile;
 // Refusal of a content list entry that would leave the content directory.

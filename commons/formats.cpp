@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <type_traits>
 #include <typeinfo>
 
 #include <unistd.h>
@@ -115,11 +116,18 @@ std::unique_ptr<MigrationStatus> createMigrationStatusFile() {
 
 namespace {
 
-// The whole text must be the number. lexical_cast lets "-1" wrap around for
-// an unsigned target: refuse a sign there with the conversion's own error.
-uint64_t toTotal(const std::string& text) {
-    if (text.find('-') != std::string::npos) throw boost::bad_lexical_cast(typeid(std::string), typeid(uint64_t));
-    return boost::lexical_cast<uint64_t>(text);
+// The whole text must be the number; anything else is a tagged error that
+// keeps the conversion's own text. lexical_cast lets "-1" wrap around for an
+// unsigned target: a sign is refused there with the same error.
+template <class Number>
+Number toNumber(const std::string& text) {
+    try {
+        if (std::is_unsigned<Number>::value && text.find('-') != std::string::npos)
+            throw boost::bad_lexical_cast(typeid(std::string), typeid(Number));
+        return boost::lexical_cast<Number>(text);
+    } catch (const boost::bad_lexical_cast& e) {
+        throw VELMO_EXC(BadContentListNumber) % text % e.what();
+    }
 }
 
 // Longest archive name taken from the list: no local path is longer.
@@ -177,7 +185,7 @@ void XmlAgentFileList::parse() {
     ExpandedLength nameLength(getDoc(), MAX_CONTENT_NAME + 1);
     for (xmlNode* node = root_->children; node != nullptr; node = node->next) {
         if (node->type != XML_ELEMENT_NODE || xmlStrcmp(node->name, BAD_CAST "file") != 0) continue;
-        const int64_t size = boost::lexical_cast<int64_t>(getAttribute(node, "size"));
+        const int64_t size = toNumber<int64_t>(getAttribute(node, "size"));
         const std::string md5sum = getAttribute(node, "md5sum");
         if (nameLength.of(node->children) > MAX_CONTENT_NAME)
             throw VELMO_EXC(tError_XmlInternal) %
@@ -186,7 +194,7 @@ void XmlAgentFileList::parse() {
     }
 }
 
-uint64_t XmlAgentFileList::getTotalSize() const { return toTotal(getAttribute(root_, "size")); }
+uint64_t XmlAgentFileList::getTotalSize() const { return toNumber<uint64_t>(getAttribute(root_, "size")); }
 
 
 std::unique_ptr<AgentFileList> getFileList(const std::string& text) {

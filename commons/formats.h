@@ -95,7 +95,7 @@ public:
     explicit XmlAgentFileList(const std::string& text);
 
     // Fills the records from the "file" children of the root; throws
-    // Exc<&NoSuchAttribute> or boost::bad_lexical_cast.
+    // Exc<&NoSuchAttribute> or Exc<&BadContentListNumber>.
     void parse();
 
     const std::vector<DumpFile>& getFileList() const override { return files_; }

@@ -1,11 +1,16 @@
 #include "commons/log.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 #include <map>
 #include <sstream>
+
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <boost/filesystem.hpp>
 #include <boost/format.hpp>
@@ -58,15 +63,26 @@ std::string substituteVariables(const std::string& text, const std::map<std::str
     return out;
 }
 
-// Removes a file when it goes out of scope.
-class TempFile {
+// An open file that lives in memory only, closed when it goes out of scope.
+class MemoryFile {
 public:
-    explicit TempFile(const std::string& name) : name_(name) {}
-    ~TempFile() { std::remove(name_.c_str()); }
-    const std::string& name() const { return name_; }
+    MemoryFile() : fd_(memfd_create("log4cpp.properties", MFD_CLOEXEC)) {}
+    ~MemoryFile() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    bool write(const std::string& text) const {
+        for (std::size_t done = 0; fd_ >= 0 && done < text.size();) {
+            const ssize_t n = ::write(fd_, text.data() + done, text.size() - done);
+            if (n <= 0) return false;
+            done += static_cast<std::size_t>(n);
+        }
+        return fd_ >= 0;
+    }
+    // A name under which the file can be opened again.
+    std::string name() const { return "/proc/self/fd/" + std::to_string(fd_); }
 
 private:
-    std::string name_;
+    int fd_;
 };
 
 void configureLog4Cpp(const std::string& propertiesFile, const std::map<std::string, std::string>& vars) {
@@ -77,13 +93,11 @@ void configureLog4Cpp(const std::string& propertiesFile, const std::map<std::str
         return;
     }
     std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    // The configurator reads only files: hand it a substituted copy.
-    TempFile copy(QMV_getTempFileName(files::getTmpDir(), "log4cpp.properties."));
-    {
-        std::ofstream out(copy.name().c_str(), std::ios::binary | std::ios::trunc);
-        out << substituteVariables(text, vars);
-        if (!out.flush()) throw VELMO_EXC(FileWrite) % copy.name() % "cannot write the log configuration";
-    }
+    // The configurator reads only files: hand it a substituted copy that
+    // lives in memory, so that starting up writes nothing to disk.
+    MemoryFile copy;
+    if (!copy.write(substituteVariables(text, vars)))
+        throw VELMO_EXC(FileWrite) % "the copy of the log configuration" % std::strerror(errno);
     log4cpp::PropertyConfigurator::configure(copy.name());
 }
 
@@ -104,6 +118,9 @@ void initializeLog4Cpp(bool debug) {
 DebugLogLifetimeController::DebugLogLifetimeController(bool debug) {
     initializeLog4Cpp(debug);
     theDebugLog = new DebugLog();
+    boost::system::error_code missing;
+    if (theSession != nullptr && boost::filesystem::exists(theSession->getLogFileName(), missing))
+        handToAdmin(theSession->getLogFileName());
 }
 
 DebugLogLifetimeController::~DebugLogLifetimeController() {
@@ -150,7 +167,7 @@ void XmlMsgFormatter::setCode(const std::string& code) { doc_.addAttribute(eleme
 void XmlMsgFormatter::setId(const std::string& id) { doc_.addAttribute(element_, "id", id); }
 
 void XmlMsgFormatter::setMessage(const std::string& message) {
-    doc_.newTextChild(element_, "description", maskSecrets(message));
+    doc_.newTextChild(element_, "description", maskSecrets(message, true));
 }
 
 void XmlMsgFormatter::setSeverity(int severity) {

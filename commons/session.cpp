@@ -50,6 +50,7 @@ std::string SessionFiles::getDumpingStatusFileName() const {
     return dir_ + "/" + files::getRemoteDumpingStatusFileName();
 }
 std::string SessionFiles::getCidFilesDir() const { return dir_; }
+std::string SessionFiles::getHostKeyFileName() const { return dir_ + "/host-key"; }
 
 SessionLifetimeController::SessionLifetimeController(const std::string& dir) {
     theSession = new SessionFiles(dir);

@@ -22,6 +22,8 @@ public:
     std::string getDumpFileName() const;
     std::string getDumpingStatusFileName() const;
     std::string getCidFilesDir() const;
+    // The source host's key, pinned by the first run of the migration.
+    std::string getHostKeyFileName() const;
 
 private:
     std::string dir_;

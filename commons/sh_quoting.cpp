@@ -10,7 +10,8 @@ struct QuoteTable {
     CharClass cls[256];
     QuoteTable() {
         for (CharClass& c : cls) c = Plain;
-        for (unsigned char c : {9, 32, 34, 35, 36, 38, 39, 40, 41, 42, 59, 60, 62, 63, 91, 92, 96, 124, 126})
+        for (unsigned char c : {9, 32, 34, 35, 36, 38, 39, 40, 41, 42, 44, 59, 60, 62, 63, 91, 92, 96, 123, 124,
+                                 125, 126})
             cls[c] = Escape;
         cls[10] = Quote;
     }

@@ -5,9 +5,10 @@
 
 namespace velmo {
 
-// Quotes one word for a POSIX shell: shell-special bytes get a backslash, a
-// newline is wrapped in single quotes, everything else stays as it is. An
-// empty word stays empty.
+// Quotes one word for a POSIX shell, or a login shell that is bash: bytes
+// special to either (braces and commas too, which bash would expand) get a
+// backslash, a newline is wrapped in single quotes, everything else stays as
+// it is. An empty word stays empty.
 std::string sh_quote(const std::string& word);
 
 }  // namespace velmo

@@ -35,22 +35,32 @@ Socket::Socket(const std::string& host, unsigned short port) : fd_(-1), addresse
     logger.debugStream() << "Connecting to " << host << ":" << port << "\n";
     addresses_ = gethostbyname(host, port);
 
-    fd_ = ::socket(addresses_->ai_family, SOCK_STREAM, 0);
-    if (fd_ < 0) {
-        const int error = errno;
-        freeaddrinfo(addresses_);
-        addresses_ = nullptr;
-        throw std::runtime_error(std::string("socket: ") + std::strerror(error));
-    }
-
-    if (::connect(fd_, addresses_->ai_addr, addresses_->ai_addrlen) != 0) {
-        const int error = errno;
-        const std::string reason = std::strerror(error);
-        logger.errorStream() << "Unable to open socket to " << host << ":" << port << ": " << reason << "\n";
-        freeaddrinfo(addresses_);
-        addresses_ = nullptr;
+    // Every stream address of the name in turn, as OpenSSH's client does;
+    // when none answers, the last one's failure is the one reported.
+    int error = 0;        // of the last connect
+    int socketError = 0;  // of the last socket that could not be made
+    for (const addrinfo* address = addresses_; address != nullptr && fd_ < 0; address = address->ai_next) {
+        if (address->ai_socktype != SOCK_STREAM && address->ai_socktype != 0) continue;
+        fd_ = ::socket(address->ai_family, SOCK_STREAM, 0);
+        if (fd_ < 0) {
+            socketError = errno;
+            continue;
+        }
+        if (::connect(fd_, address->ai_addr, address->ai_addrlen) == 0) break;
+        error = errno;
+        char numeric[NI_MAXHOST] = "?";
+        getnameinfo(address->ai_addr, address->ai_addrlen, numeric, sizeof numeric, nullptr, 0, NI_NUMERICHOST);
+        logger.errorStream() << "Unable to open socket to " << host << ":" << port << " (" << numeric
+                             << "): " << std::strerror(error) << "\n";
         ::close(fd_);
         fd_ = -1;
+    }
+    if (fd_ < 0) {
+        freeaddrinfo(addresses_);
+        addresses_ = nullptr;
+        if (error == 0)
+            throw std::runtime_error(std::string("socket: ") + std::strerror(socketError ? socketError : EAFNOSUPPORT));
+        const std::string reason = std::strerror(error);
         switch (error) {
         case ENETUNREACH:
             throw VELMO_EXC(NetworkUnreachable) % host;

@@ -10,11 +10,11 @@ namespace velmo {
 
 class Socket {
 public:
-    // Resolves host, connects to the first address the resolver returns and
-    // throws the tagged error that the failure maps to (HostNotFound,
-    // NetworkUnreachable, ConnectionTimedOut, ConnectionRefused,
-    // HostUnreachable, ConnectionFault); a descriptor that cannot be created
-    // gives a plain std::runtime_error.
+    // Resolves host and connects to the first of its stream addresses that
+    // answers. When none does, throws the tagged error that the last failure
+    // maps to (HostNotFound, NetworkUnreachable, ConnectionTimedOut,
+    // ConnectionRefused, HostUnreachable, ConnectionFault); a descriptor that
+    // cannot be created gives a plain std::runtime_error.
     Socket(const std::string& host, unsigned short port);
     ~Socket();
 

@@ -17,6 +17,7 @@
 
 #include "commons/commons.h"
 #include "commons/exceptions.h"
+#include "commons/host_key.h"
 #include "commons/sh_quoting.h"
 
 namespace velmo {
@@ -143,6 +144,9 @@ void Ssh::logIn(const std::string& host, const std::string& login, const std::st
                 throw VELMO_EXC(ConnectionTimedOut) % host;
             session_.reset(new libssh2pp::Session(socket_->fd(), disableEncryption, true, limitMs - spentMs));
         }
+        // Nothing of the login goes to a host that is not the one of the
+        // migration.
+        checkHostKey(host, hostKeyOf(session_->get()));
         session_->authorize(login, password);
     } catch (const Exc<&SshAuthorizationFailed>&) {
         throw VELMO_EXC(SshInvalidCredentials) % host;

@@ -1,10 +1,10 @@
 // The actions of vantrel: the common base (lazy connection, execution as the
-// login or as root through sudo, ownership hand-back, dumping-status refresh)
-// and every action but agent deployment.
+// login or as root through sudo, ownership hand-back) and the scout, dump,
+// dumping-status and removal actions. Agent deployment and content
+// retrieval have units of their own.
 #ifndef VANTREL_ACTIONS_H
 #define VANTREL_ACTIONS_H
 
-#include <ctime>
 #include <istream>
 #include <memory>
 #include <ostream>
@@ -29,7 +29,15 @@ public:
 
     // The connection of the run, made on first use.
     Ssh* getSsh();
+    // The agent directory as an absolute path. A relative --agent-dir lies
+    // in the login's home directory, which is asked for once.
+    const std::string& agentDir();
 
+    // Run command in a fresh sh inside the agent directory (the login's home
+    // when there is none). A directory that cannot be entered ends the line
+    // with status 1 before the command runs. execRoot runs the command as
+    // root through sudo when --sudo-password is given; a host without sudo
+    // gives Exc<&SudoNotFound>, a refused password Exc<&SudoNotAllowed>.
     int execUser(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
                  bool quietOutput, bool quietInput);
     int execUser(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput);
@@ -38,16 +46,27 @@ public:
     int execRoot(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput);
 
     // Throws SudoNotFound or SudoNotAllowed unless sudo works with the
-    // configured password; runs once per action.
+    // configured password; asks the host once per action.
     void checkSudoPresence();
     // Makes the login the owner of a file root created on the remote host.
     void takeFile(const std::string& remotePath);
 
 protected:
+    // Runs command in a fresh sh inside dir (the login's home when dir is
+    // empty), as root when asRoot and --sudo-password is given.
+    int run(const std::string& dir, const std::string& command, IOReadChannel& in, IOWriteChannel& out,
+            IOWriteChannel& err, bool quietOutput, bool quietInput, bool asRoot);
+    int run(const std::string& dir, const std::string& command, std::istream& in, std::ostream& out,
+            std::ostream& err, bool quietOutput, bool quietInput, bool asRoot);
+
     std::unique_ptr<Ssh> ssh;
     const config* cfg;
     std::unique_ptr<MigrationStatus> status;
     bool sudoChecked;
+
+private:
+    std::string agentDir_;
+    bool agentDirKnown_;
 };
 
 class SendScoutAction : public Action {
@@ -84,52 +103,26 @@ public:
     void execute() override;
 };
 
-// Counts the bytes of a content download into the migration status.
-class FileRetrievalProgressUpdater : public Ssh::Counter {
-public:
-    FileRetrievalProgressUpdater(MigrationStatus& status, int64_t totalSize, int32_t files);
-    void operator()(int bytes) override;
-
-    void startFile(int64_t size) { currentFileLeft_ = size; }
-    int32_t& filesLeft() { return filesLeft_; }
-
-private:
-    MigrationStatus& status_;
-    std::time_t start_;
-    int64_t transferred_;
-    int64_t sizeLeft_;
-    int32_t filesLeft_;
-    int64_t currentFileLeft_;
-};
-
-class RetrieveContentAction : public Action {
-public:
-    RetrieveContentAction() : Action(true) {}
-    void execute() override;
-    bool checkMD5(const DumpFile& file);
-
-private:
-    void retrieve();
-    void removeRemote(const std::string& remotePath);
-};
-
-// Refuses a content name that would leave the content directory.
-void checkContentFileName(const std::string& name);
+// Name of the file a deployment writes first into the agent directory: a
+// directory that holds it is ours to remove.
+extern const char* const AGENT_DIR_MARKER;
 
 class RemoveAgentAction : public Action {
 public:
     RemoveAgentAction() : Action(false) {}
     void execute() override;
-
-private:
-    bool mayRemove(std::string& why);
 };
 
-// Writes text into path with no line end; throws FileWrite.
+// Writes text into path with no line end and hands the file to kvaadm;
+// throws FileWrite.
 void writeNameFile(const std::string& path, const std::string& text);
 
 // A command line made of words quoted for the remote shell.
 std::string commandLine(const std::vector<std::string>& words);
+
+// Writes a line into the debug log of the run, when there is one.
+void debugLog(const std::string& text);
+void debugLog(const ExTraceable& e);
 
 }  // namespace velmo
 

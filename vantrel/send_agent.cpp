@@ -1,21 +1,21 @@
 #include "vantrel/send_agent.h"
 
+#include <algorithm>
+#include <cstring>
 #include <fstream>
-#include <iostream>
 #include <sstream>
 #include <vector>
-
-#include <pwd.h>
-#include <unistd.h>
 
 #include <boost/bind/bind.hpp>
 #include <boost/filesystem.hpp>
 #include <log4cpp/Category.hh>
 
 #include "commons/agent_spec.h"
+#include "commons/commons.h"
 #include "commons/exceptions.h"
 #include "commons/session.h"
 #include "commons/sh_quoting.h"
+#include "vantrel/terminal.h"
 
 namespace fs = boost::filesystem;
 
@@ -63,18 +63,138 @@ bool SendAgentAction::sendFile(const fs::path& localRoot, const fs::path& localP
     if (fs::is_directory(localPath)) {
         if (localPath.parent_path().string() == localRoot.string() && localPath.filename() == AGENTS_CONTROL_DIR)
             return false;
-        sendLog.info("remote mkdir " + remotePath.string());
-        std::ostringstream out, err;
-        if (execRoot(commandLine({"mkdir", "-p", remotePath.string()}), out, err, false) != 0)
-            throw VELMO_EXC(CantCreateAgentDirectory) % remotePath.string() % err.str();
-        std::ostringstream chownOut, chownErr;
-        if (execRoot(commandLine({"chown", cfg->login, remotePath.string()}), chownOut, chownErr, false) != 0)
-            throw VELMO_EXC(CantCreateAgentDirectory) % remotePath.string() % chownErr.str();
+        if (std::find(directories_.begin(), directories_.end(), remotePath.string()) == directories_.end())
+            directories_.push_back(remotePath.string());
         return true;
     }
-    sendLog.info("remote <copy " + remotePath.string() + " (from " + localPath.string() + ")");
-    getSsh()->put(localPath.string(), remotePath.string());
+    // A file of both trees goes once, the agent's copy (its tree comes second).
+    auto known = std::find_if(files_.begin(), files_.end(),
+                              [&](const std::pair<std::string, std::string>& f) { return f.second == remotePath.string(); });
+    if (known != files_.end())
+        known->first = localPath.string();
+    else
+        files_.emplace_back(localPath.string(), remotePath.string());
     return true;
+}
+
+namespace {
+
+// Writes the files that arrive on standard input, each as "<size>
+// <length of name>", a line feed, the name and the bytes, with the rights of
+// the login and its default modes, as "cat >" would. A file that cannot be
+// written is reported on standard output as "<its number> <error>"; the rest
+// of the input is read all the same, and the status is 1.
+const char* const kUnpacker =
+    "binmode STDIN; my ($i, $failed, $buf) = (0, 0); "
+    "while (defined(my $head = <STDIN>)) { my ($size, $length) = split / /, $head; "
+    "read(STDIN, my $name, $length) == $length or die \"input cut short\\n\"; my ($f, $err); "
+    "if (!$failed) { if (open($f, '>', $name)) { binmode $f } else { $err = \"$!\" } } "
+    "while ($size > 0) { my $n = read(STDIN, $buf, $size < 1048576 ? $size : 1048576); "
+    "die \"input cut short\\n\" unless $n; $size -= $n; "
+    "if (!$failed && !defined $err) { print $f $buf or $err = \"$!\" } } "
+    "if (!$failed && !defined $err && !close($f)) { $err = \"$!\" } "
+    "if (!$failed && defined $err) { print \"$i $err\\n\"; $failed = 1 } $i++ } exit $failed;";
+
+// Status of a command the remote shell cannot find.
+const int kCommandNotFound = 127;
+
+// The files of a deployment as the unpacker reads them, one after the other,
+// without holding more than a block in memory.
+class TreePacker : public IOReadChannel {
+public:
+    explicit TreePacker(const std::vector<std::pair<std::string, std::string>>& files) : files_(files) {
+        for (const auto& f : files_) total_ += static_cast<int64_t>(fs::file_size(f.first));
+    }
+    int read(char* buffer, unsigned size) override {
+        while (pending_.empty() && left_ == 0) {
+            if (file_.is_open()) file_.close();
+            if (next_ == files_.size()) return 0;
+            const auto& f = files_[next_++];
+            file_.open(f.first.c_str(), std::ios::in | std::ios::binary);
+            if (!file_.is_open()) return -1;
+            sendLog.info("remote <copy " + f.second + " (from " + f.first + ")");
+            left_ = static_cast<uint64_t>(fs::file_size(f.first));
+            pending_ = std::to_string(left_) + " " + std::to_string(f.second.size()) + "\n" + f.second;
+        }
+        if (!pending_.empty()) {
+            const std::size_t n = std::min<std::size_t>(size, pending_.size());
+            std::memcpy(buffer, pending_.data(), n);
+            pending_.erase(0, n);
+            return static_cast<int>(n);
+        }
+        file_.read(buffer, static_cast<std::streamsize>(std::min<uint64_t>(size, left_)));
+        const std::streamsize n = file_.gcount();
+        // A file that shrank since its size was taken cannot keep its frame.
+        if (n <= 0) return -1;
+        left_ -= static_cast<uint64_t>(n);
+        done_ += n;
+        progress_.update(files_[next_ - 1].second, done_, total_);
+        return static_cast<int>(n);
+    }
+
+private:
+    const std::vector<std::pair<std::string, std::string>>& files_;
+    std::size_t next_ = 0;
+    std::ifstream file_;
+    std::string pending_;
+    uint64_t left_ = 0;
+    ProgressLine progress_;
+    int64_t done_ = 0;
+    int64_t total_ = 0;
+};
+
+// Longest text of directory names that one creation command takes.
+const std::size_t kDirectoryBatch = 32 * 1024;
+
+}  // namespace
+
+void SendAgentAction::createDirectories() {
+    // The first directory is the agent directory itself: the marker that
+    // makes it ours goes in right after it, before anything else.
+    const std::string script =
+        "login=$1; marker=$2; shift 2; "
+        "for d; do mkdir -p -- \"$d\" && chown -- \"$login\" \"$d\" || { printf '%s' \"$d\"; exit 1; }; "
+        "[ -z \"$marker\" ] || { : > \"$d/$marker\" && chown -- \"$login\" \"$d/$marker\" || "
+        "{ printf '%s' \"$d\"; exit 1; }; }; marker=; done";
+    std::size_t done = 0;
+    while (done < directories_.size()) {
+        std::vector<std::string> words{"sh", "-c", script, "sh", cfg->login, done == 0 ? AGENT_DIR_MARKER : ""};
+        std::size_t length = 0;
+        for (; done < directories_.size() && (length == 0 || length + directories_[done].size() < kDirectoryBatch);
+             ++done) {
+            sendLog.info("remote mkdir " + directories_[done]);
+            words.push_back(directories_[done]);
+            length += directories_[done].size();
+        }
+        std::istringstream none;
+        std::ostringstream out, err;
+        if (run("/", commandLine(words), none, out, err, false, false, true) != 0)
+            throw VELMO_EXC(CantCreateAgentDirectory) % (out.str().empty() ? words[6] : out.str()) % err.str();
+    }
+    directories_.clear();
+}
+
+void SendAgentAction::copyFiles() {
+    TreePacker packer(files_);
+    std::ostringstream out, err;
+    IOStreamWriteChannel output(out);
+    IOStreamWriteChannel errors(err);
+    const int rc = run(agentDir(), commandLine({"perl", "-e", kUnpacker}), packer, output, errors, false, true, false);
+    if (rc == kCommandNotFound && out.str().empty()) {
+        sendLog.info("No perl on the source host: the files go one by one");
+        for (const auto& f : files_) {
+            sendLog.info("remote <copy " + f.second + " (from " + f.first + ")");
+            getSsh()->put(f.first, f.second);
+        }
+    } else if (rc != 0) {
+        std::istringstream report(out.str());
+        std::size_t index = files_.size();
+        std::string error;
+        if (report >> index) std::getline(report >> std::ws, error);
+        if (index < files_.size()) throw VELMO_EXC(CantWriteRemoteFile) % files_[index].second % error;
+        throw VELMO_EXC(CantWriteRemoteFile) % agentDir() % err.str();
+    }
+    files_.clear();
 }
 
 void SendAgentAction::execute() {
@@ -87,41 +207,33 @@ void SendAgentAction::execute() {
     const fs::path sharedDir = agentsRoot / AGENTS_SHARED_DIR;
     if (!fs::exists(sharedDir)) throw VELMO_EXC(NoSharedAgentsDirectory);
     using namespace boost::placeholders;
-    recursive_dir_walk_sync(sharedDir, cfg->agentDir, boost::bind(&SendAgentAction::sendFile, this, sharedDir, _1, _2));
+    recursive_dir_walk_sync(sharedDir, agentDir(), boost::bind(&SendAgentAction::sendFile, this, sharedDir, _1, _2));
 
+    // The directories go in one command as root, the files in one stream as
+    // the login. Without the agent's own tree the shared one still goes over.
     const fs::path localAgentDir = agentsRoot / cfg->agentName;
-    if (!isValidAgentName(cfg->agentName) || !fs::exists(localAgentDir))
-        throw VELMO_EXC(NoAgentDirectory) % localAgentDir.string();
-    recursive_dir_walk_sync(localAgentDir, cfg->agentDir,
-                            boost::bind(&SendAgentAction::sendFile, this, localAgentDir, _1, _2));
+    const bool agentTree = isValidAgentName(cfg->agentName) && fs::exists(localAgentDir);
+    if (agentTree)
+        recursive_dir_walk_sync(localAgentDir, agentDir(),
+                                boost::bind(&SendAgentAction::sendFile, this, localAgentDir, _1, _2));
+    createDirectories();
+    copyFiles();
+    if (!agentTree) throw VELMO_EXC(NoAgentDirectory) % localAgentDir.string();
 
     status->setAgentOperation(MigrationStatus::wait);
     status->saveFile();
     sendLog.notice("Getting agent deployment status");
 
     boost::shared_ptr<Agent> agent = theAgentsFactory().getAgent(cfg->agentName);
-    const std::string entry = cfg->agentDir + "/" + agent->getEntryPoint();
-    const std::string interpreter = agent->getEffectiveInterpreter();
+    const std::string entry = agentDir() + "/" + agent->getEntryPoint();
 
     const std::string statusPath = theSession->getDeploymentStatusFileName();
     std::ofstream statusFile(statusPath.c_str(), std::ios::out | std::ios::trunc | std::ios::binary);
-    const std::string inner = "cd " + cfg->agentDir + " && " + interpreter + " " + entry + " --get-status";
     std::ostringstream err;
-    int rc = execRoot(commandLine({"sh", "-c", inner}), statusFile, err, false);
+    int rc = execRoot(commandLine({agent->getEffectiveInterpreter(), entry, "--get-status"}), statusFile, err, false);
     if (rc != 0) throw VELMO_EXC(CantRequestAgentStatus) % entry % err.str();
-
-    uid_t uid = 0;
-    gid_t gid = 0;
-    if (struct passwd* pw = getpwnam("kvaadm")) {
-        uid = pw->pw_uid;
-        gid = pw->pw_gid;
-    } else {
-        std::cerr << program_invocation_short_name << ": Unable to getpwnam for user kvaadm" << std::endl;
-    }
-    if (chown(statusPath.c_str(), uid, gid) != 0) {
-        // The file stays with the run's owner.
-    }
     statusFile.close();
+    handToAdmin(statusPath);
 }
 
 }  // namespace velmo

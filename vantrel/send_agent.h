@@ -5,6 +5,8 @@
 
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <boost/filesystem/path.hpp>
 #include <boost/function.hpp>
@@ -27,8 +29,22 @@ class SendAgentAction : public Action {
 public:
     SendAgentAction() : Action(true) {}
     void execute() override;
+    // Takes one item of a walk into the deployment: a directory to create (a
+    // top-level control directory is left out, and not descended into), or a
+    // file to copy. Returns whether the walk descends into localPath.
     bool sendFile(const boost::filesystem::path& localRoot, const boost::filesystem::path& localPath,
                   const boost::filesystem::path& remotePath);
+
+private:
+    // Creates the collected directories as root, in the order of the walk,
+    // and hands them to the login; Exc<&CantCreateAgentDirectory>.
+    void createDirectories();
+    // Writes the collected files as the login; Exc<&CantWriteRemoteFile> for
+    // a file the source host cannot take.
+    void copyFiles();
+
+    std::vector<std::string> directories_;
+    std::vector<std::pair<std::string, std::string>> files_;  // local path, remote path
 };
 
 }  // namespace velmo

@@ -9,6 +9,7 @@
 #include "commons/ssh-transfer.h"
 #include "utils/read_configuration.h"
 #include "vantrel/dump_options.h"
+#include "vantrel/retrieve_content.h"
 #include "vantrel/send_agent.h"
 #include "vantrel/terminal.h"
 
@@ -52,10 +53,19 @@ void prepareDumpArguments(const config& cfg, std::vector<std::string>& arguments
         arguments.push_back("--content-transport=rsync");
     }
     arguments.push_back("--migration-mode");
-    if (cfg.action == ACTION_DUMP_ALL)
-        arguments.push_back("--dump-all");
-    else
+    if (cfg.action != ACTION_DUMP_ALL) {
         prepareDumpOptions(cfg, arguments, standardInput);
+        return;
+    }
+    // Everything is dumped; the options given on the command line go along,
+    // in the words --dump-selected uses for them.
+    arguments.push_back("--dump-all");
+    if (cfg.filter == OPT_BACKUP_FILTER_ONLY_MAIL) arguments.push_back("--only-mail");
+    if (cfg.filter == OPT_BACKUP_FILTER_ONLY_HOSTING) arguments.push_back("--only-hosting");
+    if (cfg.compression == OPT_BACKUP_COMPRESS_NONE) arguments.push_back("--no-compress");
+    if (cfg.server) arguments.push_back("--server");
+    if (cfg.adminInfo) arguments.push_back("--admin-info");
+    if (cfg.noLicense) arguments.push_back("--no-license");
 }
 
 Action* getActionByIdInternal(const config& cfg) {
@@ -136,6 +146,8 @@ int real_main(int argc, char** argv) {
 
     config cfg;
     if (!parse_options(argc, argv, &cfg)) return 1;
+    addPlainName(cfg.login);
+    addPlainName(cfg.host);
     if (cfg.action == ACTION_HELP) {
         usage();
         return 0;

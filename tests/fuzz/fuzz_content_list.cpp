@@ -4,11 +4,9 @@
 #include <cassert>
 #include <filesystem>
 
-#include <boost/lexical_cast.hpp>
-
 #include "commons/exceptions.h"
 #include "commons/formats.h"
-#include "vantrel/actions.h"
+#include "vantrel/retrieve_content.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::unique_ptr<velmo::AgentFileList> list;
@@ -16,7 +14,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         list = velmo::getFileList(std::string(reinterpret_cast<const char*>(data), size));
         list->getTotalSize();
     } catch (const velmo::ExTraceable&) {
-    } catch (const boost::bad_lexical_cast&) {
     }
     size_t names = 0;
     for (const velmo::DumpFile& record : list ? list->getFileList() : std::vector<velmo::DumpFile>()) {

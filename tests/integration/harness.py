@@ -5,6 +5,7 @@ test agent below) named in the configuration file the binary reads."""
 import contextlib
 import hashlib
 import os
+import pty
 import pwd
 import re
 import shutil
@@ -123,19 +124,26 @@ class Session:
 class Run:
     """The binary, started in the background; finish() waits for it."""
 
-    def __init__(self, argv, env, stdin, session):
-        self.argv, self.session = argv, session
+    def __init__(self, argv, env, stdin, session, tty=False):
+        self.argv, self.session, self.tty = argv, session, None
+        if tty:   # standard error on a terminal
+            self.tty, slave = pty.openpty()
         with tempfile.TemporaryFile() as f:
             f.write(stdin)
             f.seek(0)
             # A hardened umask: what the binary hands to kvaadm must not depend on ours.
-            self.proc = subprocess.Popen(argv, env=env, stdin=f, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                         umask=0o027)
+            self.proc = subprocess.Popen(argv, env=env, stdin=f, stdout=subprocess.PIPE,
+                                         stderr=slave if tty else subprocess.PIPE, umask=0o027)
+        if tty:
+            os.close(slave)
         self.pid = self.proc.pid
 
     def finish(self, timeout=300):
         try:
             self.out, self.err = self.proc.communicate(timeout=timeout)
+            with contextlib.suppress(OSError):   # EIO once the program has closed the terminal
+                while self.tty is not None and (chunk := os.read(self.tty, 65536)):
+                    self.err = (self.err or b"") + chunk
         finally:
             self.proc.kill()
         self.code = self.proc.wait()
@@ -203,14 +211,14 @@ class Case(unittest.TestCase):
 
     @classmethod
     def start(cls, action, *extra, session=None, login=USER, password=PASSWORD, sudo=None, host=HOST,
-              port=None, agent_dir=None, agent="probe", stdin=b"", env={}):
+              port=None, agent_dir=None, agent="probe", stdin=b"", env={}, tty=False):
         """Starts the binary; sudo is the sudo password, given means --sudo-password."""
         argv = [BIN, action, "--host=" + host, "--port=%d" % (port or cls.port), "--login=" + login]
         argv += ["--sudo-password"] if sudo is not None else []
         argv += ["--agent-dir=" + agent_dir, "--agent-name=" + agent] if agent_dir else []
         session = session or cls.session()
         return Run(argv + ["--session-path", session.path] + list(extra),
-                   environment(password, sudo) | env, stdin, session)
+                   environment(password, sudo) | env, stdin, session, tty)
 
     @classmethod
     def run_vantrel(cls, *args, timeout=300, **kw):
@@ -263,7 +271,8 @@ class Case(unittest.TestCase):
             status = r.session.xml("migration.status")
             self.assertEqual([("pid", str(r.pid)), ("idle", None)], [(c.tag, c.text) for c in status], r)
         log = r.session.log()
-        self.assertIn("Vantrel started : " + " ".join(r.argv) + "\n", log)
+        # The start line quotes the arguments for a shell.
+        self.assertIn("Vantrel started : " + " ".join(r.argv) + "\n", log.replace("\\", ""))
         self.assertIn("Vantrel finished. Exit code: %d\n" % r.code, log)
 
     def ok(self, r, doc="migration.result"):

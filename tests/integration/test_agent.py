@@ -20,8 +20,10 @@ class DeployTest(h.Case):
             h.write(os.path.join(cls.agents, rel), text)
 
     def expected_tree(self, *parts):
-        return {rel: data for part in parts for rel, data in h.tree(os.path.join(self.agents, part)).items()
-                if rel.split("/")[0] != "control"}
+        # The deployment's marker comes first, then the trees without their top control/.
+        return {".vantrel-agent": b""} | {rel: data for part in parts
+                                          for rel, data in h.tree(os.path.join(self.agents, part)).items()
+                                          if rel.split("/")[0] != "control"}
 
     def test_deploy_merges_shared_and_agent_trees(self):
         login = pwd.getpwnam(h.USER)
@@ -58,6 +60,11 @@ class DeployTest(h.Case):
         h.write(os.path.join(agent_dir, "fail-status"), "status is broken\n")
         r = self.run_vantrel("--deploy-agent", agent_dir=agent_dir, agent="tree", sudo=h.PASSWORD)
         self.assertIn("status is broken", self.failed(r, 2, "CantRequestAgentStatus"))
+        # A file the source host cannot hold fails the deployment, named with the remote error.
+        agent_dir = self.tmpfs()
+        r = self.run_vantrel("--deploy-agent", agent_dir=agent_dir, agent="tree", sudo=h.PASSWORD)
+        self.assertEqual("Cannot write the remote file %s/sub/data.bin: No space left on device" % agent_dir,
+                         self.failed(r, 2, "CantWriteRemoteFile"))
 
 
 SELECTION = """<selected-objects><parameters filter="only-mail" compression-level="do-not-compress"/>
@@ -121,6 +128,24 @@ class DumpTest(h.Case):
         self.ok(r)
         self.assertEqual(set(before) - {"dumping-status.xml"}, set(r.session.names()) - {"migration.result.1"})
         self.assertTrue(os.path.exists(remote))
+
+    def test_odd_and_relative_agent_directories(self):
+        # Quoted wherever it goes, and nothing in it runs; a relative one lies in the login's home.
+        home = pwd.getpwnam(h.USER).pw_dir
+        for agent_dir in ("%s/it's a \"dir\";touch pwned" % home, os.path.basename(self.remote_dir())):
+            with self.subTest(agent_dir=agent_dir):
+                full = os.path.join(home, agent_dir)
+                self.remote_dirs.append(full)
+                kw = dict(agent_dir=agent_dir, agent="sample", sudo=h.PASSWORD)
+                self.ok(self.run_vantrel("--deploy-agent", **kw))
+                self.configure(full)
+                self.ok(self.run_vantrel("--dump-all", **kw))
+                r = self.run_vantrel("--get-content", **kw)
+                self.ok(r, "transfer.result")
+                self.assertEqual(5, sum(len(f) for _, _, f in os.walk(r.session.file("content"))))
+                self.ok(self.run_vantrel("--remove-agent", **kw))
+                self.assertFalse(os.path.exists(full))
+        self.assertFalse(os.path.exists(os.path.join(home, "pwned")))
 
 
 if __name__ == "__main__":

@@ -3,6 +3,7 @@ failure: help, command-line problems, a session or a log that cannot be set
 up, and the connection failures."""
 import os
 import re
+import subprocess
 
 import harness as h
 
@@ -62,7 +63,10 @@ class ExitCodeTest(h.Case):
                 self.assertNotIn(b"Sanitizer", r.err)
                 self.assertEqual(["archives"], r.session.names())
             os.rmdir(props) if text == "directory" else text and os.unlink(props)
-        # A log file that cannot be written costs the log, not the run.
+        # Start-up writes nothing into the product tree, and a log file that
+        # cannot be written costs the log, not the run.
+        os.rmdir(os.path.join(self.qmv, "tmp"))
+        self.addCleanup(os.mkdir, os.path.join(self.qmv, "tmp"))
         h.write(props, appender + "FileAppender\nlog4cpp.appender.A1.fileName=/proc/version/log\n"
                 "log4cpp.appender.A1.layout=BasicLayout\n")
         r = self.run_vantrel("--send-scout")
@@ -82,6 +86,38 @@ class ExitCodeTest(h.Case):
                 self.failed(r, code, tag)
                 self.assertEqual(tries, re.findall(r"Trying '(\S+)' authentication", r.session.log()))
                 self.assertFalse(r.session.exists("scout-result.xml") and r.session.read("scout-result.xml"))
+        # A short password is masked in the log only: the message keeps every "1" of the address.
+        r = self.run_vantrel("--send-scout", password="1")
+        self.assertEqual(17, r.code)
+        self.assertEqual(r.err.decode(), r.session.xml("migration.result").findtext("message/description"))
+
+    def test_every_address_of_a_name_is_tried(self):
+        # A name for ::1 first, then 127.0.0.1 where the sshd listens, in a hosts file of this run only.
+        hosts, s = os.path.join(self.tmp, "hosts"), self.session()
+        h.write(hosts, "::1 vantrel-two\n127.0.0.1 vantrel-two\n")
+        argv = ["unshare", "--mount", "sh", "-c", 'mount --bind "$0" /etc/hosts && exec "$@"', hosts, h.BIN,
+                "--send-scout", "--host=vantrel-two", "--port=%d" % self.port, "--login=" + h.USER, "--session-path", s.path]
+        r = h.Run(argv, h.environment(), b"", s).finish()
+        if r.code and b"unshare" in r.err:
+            self.skipTest("no private mount namespace here: %r" % r.err)
+        self.assertEqual(0, r.code, r)
+        self.assertIn("Unable to open socket to vantrel-two:%d (::1)" % self.port, s.log())
+
+    def test_host_key_is_pinned_before_any_password(self):
+        s = self.session()
+        self.ok(self.run_vantrel("--send-scout", session=s))
+        key = subprocess.run(["ssh-keygen", "-lf", h.host_key() + ".pub"], capture_output=True, text=True).stdout.split()[1]
+        self.assertEqual("ssh-ed25519 %s\n" % key, s.read("host-key").decode())
+        self.assertIn(key, s.log())
+        # Another key at the host: the run ends before a password goes out.
+        with h.SshServer(key=h.host_key("other_ed25519")) as other:
+            r = self.run_vantrel("--send-scout", session=s, port=other.port)
+            self.assertNotIn("password for", h.read(other.log).decode())
+        self.assertIn("ssh-ed25519 %s was expected" % key, self.failed(r, 2, "HostKeyMismatch"))
+        # A fingerprint from outside counts from the first run.
+        self.ok(self.run_vantrel("--send-scout", env={"KVA_HOST_KEY": key}))
+        for given, tag in (("SHA256:" + "A" * 43, "HostKeyMismatch"), ("MD5:00", "BadHostKeyPin")):
+            self.failed(self.run_vantrel("--send-scout", env={"KVA_HOST_KEY": given}), 2, tag)
 
 
 if __name__ == "__main__":

@@ -54,6 +54,9 @@ class SampleContentTest(ContentCase):
         self.assertArrived(archives, s.path, self.agent_dir)
         self.assertEqual(0, os.stat(s.file(archives[0][0])).st_mode & 0o027)
         admin = tuple(pwd.getpwnam(h.ADMIN_ACCOUNT)[2:4])
+        # Everything handed to the controlling process is kvaadm's.
+        for path in [os.path.join(d, n) for d, _, names in os.walk(s.path) for n in names if n != "dump-name"]:
+            self.assertEqual(admin, (os.stat(path).st_uid, os.stat(path).st_gid), path)
         for d in ("content", "content/carol"):
             st = os.stat(s.file(d))
             self.assertEqual(admin + (0o755,), (st.st_uid, st.st_gid, st.st_mode & 0o7777), d)
@@ -132,7 +135,7 @@ class ListedContentTest(ContentCase):
         self.assertTrue(text.startswith("Failed to retrieve file '%s/c' from '%s' to '%s/c': "
                                         % (agent_dir, h.HOST, r.session.path)), text)
         self.assertArrived(archives[:2], r.session.path, agent_dir)
-        self.assertEqual(["a", "archives", "b", "migration.log", "migration.status", "transfer.result"],
+        self.assertEqual(["a", "archives", "b", "host-key", "migration.log", "migration.status", "transfer.result"],
                          r.session.names())
         self.assertTrue(all(os.path.exists(os.path.join(agent_dir, n)) for n in "de"))
 
@@ -149,6 +152,11 @@ class ListedContentTest(ContentCase):
         self.assertTrue(os.path.exists(os.path.join(agent_dir, "a")))
         self.assertEqual([], remove(agent_dir, sudo=h.PASSWORD))
         self.assertFalse(os.path.exists(agent_dir))
+        # A deployment cut before the agent's files came holds the marker only: it is ours.
+        cut = self.remote_dir(create=True)
+        h.write(os.path.join(cut, ".vantrel-agent"), "")
+        self.assertEqual([], remove(cut, sudo=h.PASSWORD))
+        self.assertFalse(os.path.exists(cut))
         # A directory that holds no deployed agent, and "/", are refused.
         plain = self.remote_dir(create=True)
         h.write(os.path.join(plain, "notes"), "not an agent", owner=h.USER)
@@ -170,8 +178,8 @@ class ListedContentTest(ContentCase):
             r = run.finish(120)
             self.ok(r, "transfer.result")
             self.assertEqual([md5 for _, _, md5 in archives], [h.md5(r.session.read(n)) for n, _, _ in archives])
-            self.assertEqual(["archives", "dump-name", "large.bin", "mid", "migration-result-name", "migration.log",
-                              "migration.status", "small.bin", "transfer.result"], r.session.names())
+            self.assertEqual(["archives", "dump-name", "host-key", "large.bin", "mid", "migration-result-name",
+                              "migration.log", "migration.status", "small.bin", "transfer.result"], r.session.names())
         # Each run removed its copy of the logging configuration.
         self.assertEqual([], os.listdir(self.qmv + "/tmp"))
 

@@ -2,7 +2,8 @@
 lists, a full disk, and source hosts that stall or log in oddly. Nothing may
 be passed off as whole: no file under an archive's name unless it holds it."""
 import os
-import subprocess
+import re
+import signal
 import tempfile
 import time
 
@@ -20,7 +21,7 @@ class FaultCase(h.Case):
 
 class ContentFaultTest(FaultCase):
 
-    def test_cut_mid_archive_then_a_rerun_completes(self):
+    def test_cut_mid_archive_then_a_rerun_continues_it(self):
         archives = [h.archive("a"), h.archive("sub/b", 3 * h.MIB), h.archive("c", h.MIB + 17)]
         agent_dir = self.lay_out(archives)
         s = self.session()
@@ -29,17 +30,83 @@ class ContentFaultTest(FaultCase):
         self.assertIn("CUT 1", cut.events)
         self.assertEqual("Lost connection with the remote host", self.content_failure(r, "SshConnectionFault"))
         self.assertEqual(archives[0][1], s.read("a"))
+        # What came of sub/b waits beside its name, nothing of c; both stay on the source host.
+        part = s.read("sub/b.part")
+        self.assertTrue(0 < len(part) < 3 * h.MIB and archives[1][1].startswith(part), len(part))
+        self.assertAbsent(s.path, "c")
         for name, data, _ in archives[1:]:
-            self.assertAbsent(s.path, name)
+            self.assertFalse(s.exists(name))
             self.assertEqual(data, h.read(os.path.join(agent_dir, name)))
         self.assertFalse(s.exists("dump-name"))
-        # The rest comes with a host that keeps the connection; the first archive is left alone.
+        # A rerun with a host that keeps the connection continues sub/b; the first archive is left alone.
         before = os.stat(s.file("a")).st_ino
-        self.ok(self.get_content(agent_dir, session=s).finish(), "transfer.result")
+        r = self.get_content(agent_dir, session=s).finish()
+        self.ok(r, "transfer.result")
+        self.assertIn("Continuing sub/b from byte %d of %d" % (len(part), 3 * h.MIB), s.log())
         for name, data, _ in archives:
             self.assertEqual(data, s.read(name))
-            self.assertFalse(os.path.exists(os.path.join(agent_dir, name)))
+        self.assertFalse([n for n in ("sub/b", "c") if os.path.exists(os.path.join(agent_dir, n))])
         self.assertEqual(before, os.stat(s.file("a")).st_ino)
+
+    def test_stopped_and_killed_runs_are_continued_and_garbage_is_replaced(self):
+        big, other = h.archive("big", 128 * h.MIB), h.archive("other", 2 * h.MIB)
+        agent_dir = self.lay_out([big, other])
+        s = self.session()
+
+        def stop_at(share, sig):
+            run = self.get_content(agent_dir, session=s)
+            while run.proc.poll() is None and (not s.exists("big.part")
+                                               or os.path.getsize(s.file("big.part")) < share * len(big[1])):
+                time.sleep(0.01)
+            run.proc.send_signal(sig)
+            started = time.monotonic()
+            return run.finish(), time.monotonic() - started
+
+        # SIGTERM: a clean stop at once, and nothing under the archive's name.
+        r, took = stop_at(0.2, signal.SIGTERM)
+        self.assertEqual((0, b"Migration has been terminated", b""), (r.code, r.out, r.err), r)
+        self.assertLess(took, 2)
+        self.assertEqual("success", s.xml("transfer.result").get("status"))
+        self.assertFalse(s.exists("big"))
+        # SIGKILL half-way; a part of other that is garbage is not trusted either.
+        stop_at(0.5, signal.SIGKILL)
+        h.write(s.file("other.part"), b"garbage" * 1000)
+        r = self.get_content(agent_dir, session=s).finish()
+        self.ok(r, "transfer.result")
+        resumed = [int(n) for n in re.findall(r"Continuing big from byte (\d+)", s.log())]
+        self.assertGreater(resumed[-1], 0.4 * len(big[1]), resumed)   # the rerun brings 60 % at most
+        self.assertEqual([big[2], other[2]], [h.md5(s.read(n)) for n in ("big", "other")])
+        self.assertIn("failed their check; fetching them again", s.log())
+
+    def test_archives_unlike_their_list_stay_on_the_source_host(self):
+        good, bad = h.archive("good"), h.archive("bad")
+        for sum_, sizes, says in ((bad[2][::-1], {}, "4096 bytes with MD5 sum %s were listed" % bad[2][::-1]),
+                                  (bad[2], {"bad": 4095}, "more than 4095 bytes"),
+                                  ("", {"bad": 5000}, "5000 bytes with MD5 sum (none) were listed, 4096 bytes")):
+            with self.subTest(says=says):
+                agent_dir = self.lay_out([good, ("bad", bad[1], sum_)], sizes=sizes)
+                r = self.get_content(agent_dir, "--no-check-space").finish()
+                text = self.content_failure(r, "ContentFileMismatch")
+                self.assertTrue(text.startswith("The content file 'bad' did not arrive whole") and says in text, text)
+                self.assertAbsent(r.session.path, "bad")
+                self.assertEqual(bad[1], h.read(os.path.join(agent_dir, "bad")))
+
+    def test_progress_line_on_a_terminal(self):
+        agent_dir = self.lay_out([h.archive("dir/shown", 8 * h.MIB)])
+        r = self.get_content(agent_dir, tty=True).finish()
+        self.assertEqual(0, r.code, r)
+        self.assertRegex(r.err, rb"^(\rdir/shown +[0-9.]+ \S+ / 8\.0 MiB +\d+% .*\x1b\[K)+\r?\n$")
+        self.assertIn(b"100%", r.err)
+
+    def test_archives_whole_in_subdirectories_are_neither_fetched_nor_removed(self):
+        archives = [h.archive("x/y/one"), h.archive("x/two")]
+        agent_dir, dumps = self.lay_out(archives), tempfile.mkdtemp(dir=self.tmp)
+        for name, data, _ in archives:
+            h.write(os.path.join(dumps, name), data)
+        r = self.get_content(agent_dir, "--dumps-dir=" + dumps).finish()
+        self.ok(r, "transfer.result")
+        self.assertEqual(1, r.session.log().count("Opening SSH channel"))   # the list, nothing else
+        self.assertTrue(all(os.path.exists(os.path.join(agent_dir, n)) for n, _, _ in archives))
 
     def test_names_leaving_the_content_directory_are_refused_before_anything_is_written(self):
         first = h.archive("first")
@@ -58,8 +125,12 @@ class ContentFaultTest(FaultCase):
     def test_awkward_names_are_fetched_and_nothing_runs(self):
         archives = [h.archive(n) for n in ("with blank", "it's \"quoted\"", "$(touch pwned) `touch pwned`",
                                             "semi;colon&amp|pipe", "line\nfeed", "back\\slash", "-dash",
-                                            "\u00fcml\u00e4ut/\u65e5\u672c", "star*?[x]", " lead and trail ")]
+                                            "\u00fcml\u00e4ut/\u65e5\u672c", "star*?[x]", " lead and trail ",
+                                            "a{b,c}")]
         agent_dir = self.lay_out(archives)
+        # A login shell that is bash must not make two other files of the one listed.
+        for name in ("ab", "ac"):
+            h.write(os.path.join(agent_dir, name), name, owner=h.USER)
         r = self.get_content(agent_dir).finish()
         self.ok(r, "transfer.result")
         for name, data, _ in archives:
@@ -67,6 +138,8 @@ class ContentFaultTest(FaultCase):
             self.assertFalse(os.path.exists(os.path.join(agent_dir, name)), repr(name))
         self.assertFalse(os.path.exists(os.path.join(agent_dir, "pwned")))
         self.assertFalse(os.path.exists(os.path.expanduser("~%s/pwned" % h.USER)))
+        self.assertEqual([b"ab", b"ac"], [h.read(os.path.join(agent_dir, n)) for n in ("ab", "ac")])
+        self.assertFalse(r.session.exists("ab") or r.session.exists("ac"))
 
     def test_impossible_sizes(self):
         a = h.archive("a")
@@ -74,16 +147,11 @@ class ContentFaultTest(FaultCase):
         r = self.get_content(agent_dir).finish()
         self.assertIn("but 18446744073709551615 is needed", self.content_failure(r, "NotEnoughSpace"))
         self.assertAbsent(r.session.path, "a")
-        # Sizes that are no 64-bit number: an error, nothing fetched.
+        # Sizes that are no 64-bit number: a tagged error with the conversion's text, nothing fetched.
         h.write(os.path.join(agent_dir, "list.xml"), h.content_list([a], 1 << 64))
         r = self.get_content(agent_dir).finish()
-        self.assertIn(b"bad lexical cast", r.err, r)
+        self.assertIn("bad lexical cast", self.content_failure(r, "BadContentListNumber"))
         self.assertAbsent(r.session.path, "a")
-        # A listed size far above the real one only skews the progress.
-        h.write(os.path.join(agent_dir, "list.xml"), h.content_list([a], 1 << 62, {"a": 1 << 62}))
-        r = self.get_content(agent_dir, "--no-check-space").finish()
-        self.ok(r, "transfer.result")
-        self.assertEqual(a[1], r.session.read("a"))
 
     def test_empty_list_and_entity_bomb(self):
         agent_dir = self.lay_out([])
@@ -94,7 +162,8 @@ class ContentFaultTest(FaultCase):
             h.write(os.path.join(agent_dir, "list.xml"), text)
             r = self.get_content(agent_dir).finish()
             self.content_failure(r, tag)
-            self.assertEqual(["archives", "migration.log", "migration.status", "transfer.result"], r.session.names())
+            self.assertEqual(["archives", "host-key", "migration.log", "migration.status", "transfer.result"],
+                             r.session.names())
 
     def test_small_disk(self):
         fits, big = h.archive("fits", 256 * 1024), h.archive("big", 3 * h.MIB)

@@ -94,9 +94,9 @@ def ensure_accounts():
                     "%s ALL=(ALL:ALL) ALL\n" % (MARKER, USER, USER, USER), 0o440)
 
 
-def host_key():
-    """The ed25519 host key of every server of the bed, made once."""
-    path = "/tmp/vantrel-testbed-keys/host_ed25519"
+def host_key(name="host_ed25519"):
+    """An ed25519 host key, made once; the default one serves every server of the bed."""
+    path = "/tmp/vantrel-testbed-keys/" + name
     with _locked():
         if not os.path.exists(path + ".pub"):
             os.makedirs(os.path.dirname(path), 0o700, exist_ok=True)
@@ -133,8 +133,8 @@ class SshServer:
     (publickey only)."""
     METHODS = {"default": ("yes", "yes", "no"), "kbdint": ("no", "yes", "no"), "pubkey": ("no", "no", "yes")}
 
-    def __init__(self, variant="default", log_level="VERBOSE"):
-        self.variant, self.log_level, self.host, self.proc = variant, log_level, HOST, None
+    def __init__(self, variant="default", log_level="VERBOSE", key=None):
+        self.variant, self.log_level, self.host, self.proc, self.key = variant, log_level, HOST, None, key
 
     def start(self):
         os.makedirs("/run/sshd", 0o755, exist_ok=True)
@@ -144,12 +144,13 @@ class SshServer:
             self.port = free_port()
             with open(os.path.join(self.dir, "sshd_config"), "w") as f:
                 f.write("\n".join([
-                    "Port %d" % self.port, "ListenAddress " + HOST, "HostKey " + host_key(),
+                    "Port %d" % self.port, "ListenAddress " + HOST, "HostKey " + (self.key or host_key()),
                     "PidFile none", "UsePAM yes", "AuthorizedKeysFile none",
                     "PasswordAuthentication %s\nKbdInteractiveAuthentication %s\nPubkeyAuthentication %s"
                     % self.METHODS[self.variant], "MaxStartups 200", "MaxSessions 100", "UseDNS no",
                     # The compatibility retry of the client offers only this exchange.
-                    "KexAlgorithms +diffie-hellman-group1-sha1", "LogLevel " + self.log_level, ""]))
+                    "KexAlgorithms +diffie-hellman-group1-sha1", "LogLevel " + self.log_level,
+                    "Subsystem sftp internal-sftp", ""]))   # for scp, in the benchmarks
             with open(self.log, "ab") as log:
                 self.proc = subprocess.Popen(["/usr/sbin/sshd", "-D", "-e", "-f", f.name], stdin=subprocess.DEVNULL,
                                              stdout=log, stderr=log)

@@ -18,6 +18,7 @@
 #include "utils/read_configuration.h"
 #include "vantrel/actions.h"
 #include "vantrel/dump_options.h"
+#include "vantrel/retrieve_content.h"
 #include "vantrel/vantrel.h"
 
 namespace fs = boost::filesystem;
@@ -158,8 +159,8 @@ TEST(ContentList, RecordsTotalsAndRefusals) {
         {"<content/>", "tError_WrongDoc"},
         {"<contentlist><file md5sum=\"x\">a</file></contentlist>", "NoSuchAttribute"},
         {"<contentlist><file size=\"1\">a</file></contentlist>", "NoSuchAttribute"},
-        {"<contentlist><file size=\"12abc\" md5sum=\"x\"/></contentlist>", "bad lexical cast"},
-        {"<contentlist><file size=\"9223372036854775808\" md5sum=\"x\"/></contentlist>", "bad lexical cast"},
+        {"<contentlist><file size=\"12abc\" md5sum=\"x\"/></contentlist>", "BadContentListNumber"},
+        {"<contentlist><file size=\"9223372036854775808\" md5sum=\"x\"/></contentlist>", "BadContentListNumber"},
         // Names no longer than a local path can be, also through entities.
         {"<contentlist><file size=\"1\" md5sum=\"x\">" + std::string(4097, 'n') + "</file></contentlist>",
          "tError_XmlInternal"},
@@ -213,6 +214,12 @@ TEST(DumpOptions, SelectionFileAndCommandLine) {
     file.selectedObjectsFile += ".missing";
     EXPECT_EQ(0u, failure([&] { dump(file); }).find("tError_WrongInputFile"));
 
+    // --dump-all passes what its command line gives, in the same words.
+    cfg.action = ACTION_DUMP_ALL;
+    EXPECT_EQ(Dump({"--migration-mode", "--dump-all", "--only-mail", "--no-compress", "--server", "--admin-info",
+                    "--no-license"},
+                   ""),
+              dump(cfg));
 }
 
 TEST(Options, VerificationPerAction) {
