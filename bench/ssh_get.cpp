@@ -1,11 +1,13 @@
 // bench-ssh-get: one Ssh::get of a remote file into a local file, the way the
 // content download runs, for timing against OpenSSH's own client.
 //
-//   bench-ssh-get --host H --port P --login L REMOTE LOCAL
+//   bench-ssh-get --host H --port P --login L [--md5] REMOTE LOCAL
 //   bench-ssh-get --host H --port P --login L --methods
 //
 // The password comes from KVA_PASSWORD. The first form prints
-// "bytes <n> status <s>"; the second prints the cipher and the MAC that the
+// "bytes <n> status <s>", with --md5 the file's MD5 sum, computed as the
+// bytes arrive as --get-content does, after it; the second prints the cipher
+// and the MAC that the
 // library negotiated, "cipher <name> mac <name>", so that the other client
 // can be told to use the same ones.
 #include <cstdint>
@@ -17,6 +19,9 @@
 
 #include <libssh2.h>
 
+#include <fstream>
+
+#include "commons/checksum.h"
 #include "commons/exceptions.h"
 #include "commons/ssh-transfer.h"
 
@@ -28,8 +33,22 @@ public:
     std::int64_t total = 0;
 };
 
+// Writes a file and sums what it writes.
+class SummingFile : public velmo::IOWriteChannel {
+public:
+    explicit SummingFile(const std::string& path) : file_(path.c_str(), std::ios::binary | std::ios::trunc) {}
+    int write(const char* data, unsigned size) override {
+        sum.update(data, size);
+        return file_.write(data, size) ? static_cast<int>(size) : -1;
+    }
+    velmo::BackgroundMd5 sum;
+
+private:
+    std::ofstream file_;
+};
+
 int usage() {
-    std::cerr << "usage: bench-ssh-get --host H --port P --login L (REMOTE LOCAL | --methods)\n";
+    std::cerr << "usage: bench-ssh-get --host H --port P --login L ([--md5] REMOTE LOCAL | --methods)\n";
     return 2;
 }
 
@@ -44,9 +63,12 @@ int main(int argc, char** argv) {
     std::string host, login, remote, local;
     unsigned short port = 22;
     bool methods = false;
+    bool md5 = false;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
-        if (arg == "--methods") {
+        if (arg == "--md5") {
+            md5 = true;
+        } else if (arg == "--methods") {
             methods = true;
         } else if ((arg == "--host" || arg == "--port" || arg == "--login") && i + 1 < argc) {
             const std::string value = argv[++i];
@@ -80,8 +102,18 @@ int main(int argc, char** argv) {
         velmo::Ssh ssh(host, login, password, false, port);
         std::ostringstream err;
         ByteCounter counter;
-        const int status = ssh.get(local, err, remote, counter);
-        std::cout << "bytes " << counter.total << " status " << status << std::endl;
+        int status;
+        if (md5) {
+            SummingFile file(local);
+            std::istringstream none;
+            velmo::IOStreamReadChannel input(none);
+            velmo::IOStreamWriteChannel errors(err);
+            status = ssh.exec("cat '" + remote + "'", input, file, errors, true, true, counter);
+            std::cout << "bytes " << counter.total << " status " << status << " md5 " << file.sum.hex() << std::endl;
+        } else {
+            status = ssh.get(local, err, remote, counter);
+            std::cout << "bytes " << counter.total << " status " << status << std::endl;
+        }
         if (status != 0)
             std::cerr << err.str();
         return status == 0 ? 0 : 1;
