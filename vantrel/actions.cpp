@@ -108,7 +108,7 @@ void writeNameFile(const std::string& path, const std::string& text) {
 
 // ---------------------------------------------------------------- Action
 
-Action::Action(bool withStatus) : cfg(nullptr), sudoChecked(false), agentDirKnown_(false) {
+Action::Action(bool withStatus) : cfg(nullptr), agentDirKnown_(false) {
     if (withStatus) {
         status = createMigrationStatusFile();
         status->setIdle();
@@ -196,7 +196,6 @@ int Action::run(const std::string& dir, const std::string& command, IOReadChanne
         debugLog("sudo refused the password: " + maskSecrets(errors.tail()));
         throw VELMO_EXC(SudoNotAllowed) % cfg->login % cfg->host;
     }
-    sudoChecked = true;
     return rc;
 }
 
@@ -208,16 +207,6 @@ int Action::run(const std::string& dir, const std::string& command, std::istream
     return run(dir, command, input, output, errors, quietOutput, quietInput, asRoot);
 }
 
-int Action::execUser(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
-                     bool quietOutput, bool quietInput) {
-    return run(agentDir(), command, in, out, err, quietOutput, quietInput, false);
-}
-
-int Action::execUser(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput) {
-    std::istringstream empty;
-    return execUser(command, empty, out, err, quietOutput, false);
-}
-
 int Action::execRoot(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
                      bool quietOutput, bool quietInput) {
     return run(agentDir(), command, in, out, err, quietOutput, quietInput, true);
@@ -226,12 +215,6 @@ int Action::execRoot(const std::string& command, std::istream& in, std::ostream&
 int Action::execRoot(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput) {
     std::istringstream empty;
     return execRoot(command, empty, out, err, quietOutput, false);
-}
-
-void Action::checkSudoPresence() {
-    if (sudoChecked || !cfg->useSudo) return;
-    std::ostringstream out, err;
-    execRoot("true", out, err, false);
 }
 
 void Action::takeFile(const std::string& remotePath) {

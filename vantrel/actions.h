@@ -33,27 +33,22 @@ public:
     // in the login's home directory, which is asked for once.
     const std::string& agentDir();
 
-    // Run command in a fresh sh inside the agent directory (the login's home
-    // when there is none). A directory that cannot be entered ends the line
-    // with status 1 before the command runs. execRoot runs the command as
-    // root through sudo when --sudo-password is given; a host without sudo
-    // gives Exc<&SudoNotFound>, a refused password Exc<&SudoNotAllowed>.
-    int execUser(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
-                 bool quietOutput, bool quietInput);
-    int execUser(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput);
+    // Runs command in a fresh sh inside the agent directory (the login's
+    // home when there is none), as root through sudo when --sudo-password is
+    // given (see run).
     int execRoot(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
                  bool quietOutput, bool quietInput);
     int execRoot(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput);
 
-    // Throws SudoNotFound or SudoNotAllowed unless sudo works with the
-    // configured password; asks the host once per action.
-    void checkSudoPresence();
     // Makes the login the owner of a file root created on the remote host.
     void takeFile(const std::string& remotePath);
 
 protected:
     // Runs command in a fresh sh inside dir (the login's home when dir is
-    // empty), as root when asRoot and --sudo-password is given.
+    // empty), as root when asRoot and --sudo-password is given. A directory
+    // that cannot be entered ends the line with status 1 before the command
+    // runs. As root, a host without sudo gives Exc<&SudoNotFound>, a refused
+    // password Exc<&SudoNotAllowed>.
     int run(const std::string& dir, const std::string& command, IOReadChannel& in, IOWriteChannel& out,
             IOWriteChannel& err, bool quietOutput, bool quietInput, bool asRoot);
     int run(const std::string& dir, const std::string& command, std::istream& in, std::ostream& out,
@@ -62,7 +57,6 @@ protected:
     std::unique_ptr<Ssh> ssh;
     const config* cfg;
     std::unique_ptr<MigrationStatus> status;
-    bool sudoChecked;
 
 private:
     std::string agentDir_;
