@@ -239,9 +239,9 @@ void ContentTransfer::reach(std::size_t index) {
 void ContentTransfer::start(std::size_t index) {
     const Item& item = items_[index];
     MigrationStatus& status = *action_.status;
-    updater_.startFile(item.record->size, item.from);
     status.setCurrentFile(item.record->name, decimal(item.record->size));
-    if (item.from > 0) status.setTransferCurrentFileSizeLeft(decimal(item.record->size - item.from));
+    // A resumed archive counts only what is left of it.
+    updater_.startFile(item.record->size, item.from);
     status.saveFile();
     make_content_dir(getPath(item.local), uid_, gid_, 0755);
     announced_ = std::max(announced_, index + 1);
