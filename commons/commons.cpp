@@ -15,6 +15,7 @@
 #include <log4cpp/Category.hh>
 
 #include "commons/exceptions.h"
+#include "commons/local_files.h"
 #include "commons/session.h"
 #include "utils/read_configuration.h"
 
@@ -33,23 +34,17 @@ uint64_t getFreeSpace(const std::string& path) {
 }
 
 std::string QMV_getTempFileName(const std::string& dir, const std::string& prefix) {
-    std::string name;
+    std::string base;
     if (!dir.empty()) {
-        name = dir;
+        base = dir;
     } else if (const char* tmp = kvaConfGet("DUMP_TMP_D")) {
-        name = tmp;
+        base = tmp;
     } else {
-        name = files::getTmpDir();
+        base = files::getTmpDir();
     }
-    if (name.empty() || name.back() != '/') name += '/';
-    name += prefix;
-    name += "XXXXXX";
-    std::vector<char> buffer(name.begin(), name.end());
-    buffer.push_back('\0');
-    int fd = mkstemp64(buffer.data());
-    if (fd < 0) throw VELMO_EXC(CantCreateTempFile) % name % std::strerror(errno);
-    close(fd);
-    return std::string(buffer.data());
+    std::string name;
+    Directory::open(base).createTemp(prefix, 0600, name);
+    return base + (base.empty() || base.back() != '/' ? "/" : "") + name;
 }
 
 bool check_input_file(const char* path, bool) {
@@ -58,27 +53,8 @@ bool check_input_file(const char* path, bool) {
     return stat(path, &st) == 0 && S_ISREG(st.st_mode);
 }
 
-namespace {
-void makeDirIn(char* path, unsigned uid, unsigned gid, unsigned mode) {
-    struct stat st;
-    if (stat(path, &st) == 0 || errno != ENOENT) return;
-    char* slash = std::strrchr(path, '/');
-    if (slash != nullptr && slash != path) {
-        *slash = '\0';
-        makeDirIn(path, uid, gid, mode);
-        *slash = '/';
-    }
-    // The mode is the one asked for, whatever the file-creation mask says.
-    if (mkdir(path, mode) == 0 && (chmod(path, mode) != 0 || chown(path, uid, gid) != 0)) {
-        // Not checked here: a directory with the wrong owner shows when it is used.
-    }
-}
-}  // namespace
-
 void make_dir(const std::string& path, unsigned uid, unsigned gid, unsigned mode) {
-    std::vector<char> copy(path.begin(), path.end());
-    copy.push_back('\0');
-    makeDirIn(copy.data(), uid, gid, mode);
+    Directory::make(path, uid, gid, mode);
 }
 
 void make_content_dir(const std::string& path, unsigned uid, unsigned gid, unsigned mode) {
@@ -106,14 +82,6 @@ void getAdminIds(uid_t& uid, gid_t& gid) {
         runLog.warn("The account %s is missing (%s): files for the controlling process stay root's",
                     KVA_ADMIN_USER, errno ? std::strerror(errno) : "no such user");
     }
-}
-
-void handToAdmin(const std::string& path) {
-    uid_t uid;
-    gid_t gid;
-    getAdminIds(uid, gid);
-    if (chown(path.c_str(), uid, gid) != 0)
-        runLog.warn("Unable to hand %s to %s: %s", path.c_str(), KVA_ADMIN_USER, std::strerror(errno));
 }
 
 namespace {

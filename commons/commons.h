@@ -22,8 +22,8 @@ std::string QMV_getTempFileName(const std::string& dir, const std::string& prefi
 bool check_input_file(const char* path, bool);
 
 // Creates path and its missing parents with the given owner and mode (the
-// file-creation mask does not narrow it); results of mkdir, chmod and chown
-// are not checked.
+// file-creation mask does not narrow it), never following a link that
+// another account could have placed (see Directory::make).
 void make_dir(const std::string& path, unsigned uid, unsigned gid, unsigned mode);
 // The same, for the directories of content archives.
 void make_content_dir(const std::string& path, unsigned uid, unsigned gid, unsigned mode);
@@ -36,9 +36,6 @@ extern const char* const KVA_ADMIN_USER;
 // User id and primary group id of kvaadm; 0 for what cannot be looked up, and
 // a warning in the log the first time the account is missing.
 void getAdminIds(uid_t& uid, gid_t& gid);
-// Makes a file the tool wrote for the controlling process kvaadm's (user and
-// primary group); a failure is logged, the file stays as it is.
-void handToAdmin(const std::string& path);
 
 // Passwords known to the run. Every log line that might carry one goes through
 // maskSecrets, which replaces each occurrence by "********". In a message

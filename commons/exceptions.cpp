@@ -89,6 +89,9 @@ VELMO_TAG(ContentFileMismatch, "ContentFileMismatch",
 VELMO_TAG(CantWriteRemoteFile, "CantWriteRemoteFile", "Cannot write the remote file %1%: %2%")
 VELMO_TAG(UnsafeContentFileName, "UnsafeContentFileName",
           "Refusing to retrieve content file '%1%': the name leads outside the content directory")
+VELMO_TAG(LinkNotFollowed, "LinkNotFollowed",
+          "%1% is a symbolic link that another account can change: vantrel does not follow it")
+VELMO_TAG(CantOpenDirectory, "CantOpenDirectory", "Cannot open or create the directory %1%: %2%")
 
 ExInfoVisitor::~ExInfoVisitor() {}
 void ExInfoVisitor::setSeverity(int) {}

@@ -233,6 +233,10 @@ extern const ExTag ContentFileMismatch;
 extern const ExTag CantWriteRemoteFile;
 // Refusal of a content list entry that would leave the content directory.
 extern const ExTag UnsafeContentFileName;
+// A link where vantrel, as root, expected a file or a directory of its own.
+extern const ExTag LinkNotFollowed;
+// A local directory that cannot be opened or made.
+extern const ExTag CantOpenDirectory;
 
 }  // namespace velmo
 

@@ -105,7 +105,7 @@ void XmlMigrationStatus::saveFile() {
         }
     }
 
-    saveToFileAtomically(theSession->getStatusFileName());
+    saveToFileAtomically(theSession->directory(), session_names::STATUS);
 }
 
 std::unique_ptr<MigrationStatus> createMigrationStatusFile() {

@@ -4,14 +4,17 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <sstream>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <openssl/evp.h>
 #include <log4cpp/Category.hh>
 
 #include "commons/commons.h"
 #include "commons/exceptions.h"
+#include "commons/local_files.h"
 #include "commons/session.h"
 
 namespace velmo {
@@ -73,25 +76,30 @@ void checkHostKey(const std::string& host, const HostKey& key) {
     if (theSession == nullptr) return;
 
     const std::string pin = theSession->getHostKeyFileName();
-    std::ifstream in(pin.c_str());
-    if (in.is_open()) {
+    const Directory& dir = theSession->directory();
+    Fd file = dir.openRegular(session_names::HOST_KEY);
+    if (file) {
+        char text[512];
+        const ssize_t length = ::read(file.get(), text, sizeof text - 1);
+        std::istringstream in(std::string(text, length > 0 ? static_cast<std::size_t>(length) : 0));
         std::string type, fingerprint, rest;
         std::getline(in, rest);
         std::istringstream line(rest);
         line >> type >> fingerprint;
-        if (in.bad() || !isFingerprint(fingerprint) || (line >> rest))
+        if (length < 0 || !isFingerprint(fingerprint) || (line >> rest))
             throw VELMO_EXC(BadHostKeyPin) % host % pin % "not a line \"<key type> SHA256:...\"";
         if (key.fingerprint != fingerprint)
             throw VELMO_EXC(HostKeyMismatch) % host % (type + " " + fingerprint) % (key.type + " " + key.fingerprint);
         return;
     }
+    struct stat st;
+    if (dir.lstat(session_names::HOST_KEY, st))
+        throw VELMO_EXC(BadHostKeyPin) % host % pin %
+            (S_ISREG(st.st_mode) ? std::strerror(errno) : "it is not a plain file (a link is not followed)");
     if (errno != ENOENT) throw VELMO_EXC(BadHostKeyPin) % host % pin % std::strerror(errno);
-    {
-        std::ofstream out(pin.c_str(), std::ios::out | std::ios::trunc);
-        out << key.type << " " << key.fingerprint << "\n";
-        if (!out.flush()) throw VELMO_EXC(FileWrite) % pin % std::strerror(errno);
-    }
-    handToAdmin(pin);
+    NewFile out(dir, session_names::HOST_KEY, 0640);
+    out.write(key.type + " " + key.fingerprint + "\n");
+    out.commit();
     keyLog.noticeStream() << "Pinned the host key of " << host << " in " << pin;
 }
 

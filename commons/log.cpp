@@ -6,13 +6,13 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <map>
+#include <functional>
 #include <sstream>
 
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <boost/filesystem.hpp>
 #include <boost/format.hpp>
 #include <log4cpp/Appender.hh>
 #include <log4cpp/Category.hh>
@@ -42,19 +42,21 @@ namespace {
 
 bool log4cppConfigured = false;
 
-// Replaces every "${NAME}" whose NAME is in vars; other references are left
-// for log4cpp, which resolves them from its own properties and the environment.
-std::string substituteVariables(const std::string& text, const std::map<std::string, std::string>& vars) {
+// Replaces every "${NAME}" for which value gives a text; other references are
+// left for log4cpp, which resolves them from its own properties and the
+// environment.
+std::string substituteVariables(const std::string& text,
+                                const std::function<bool(const std::string&, std::string&)>& value) {
     std::string out;
     std::string::size_type at = 0;
     while (true) {
         std::string::size_type open = text.find("${", at);
         std::string::size_type close = open == std::string::npos ? open : text.find('}', open + 2);
         if (close == std::string::npos) break;
-        auto var = vars.find(text.substr(open + 2, close - open - 2));
+        std::string replacement;
         out.append(text, at, open - at);
-        if (var != vars.end())
-            out += var->second;
+        if (value(text.substr(open + 2, close - open - 2), replacement))
+            out += replacement;
         else
             out.append(text, open, close + 1 - open);
         at = close + 1;
@@ -85,7 +87,7 @@ private:
     int fd_;
 };
 
-void configureLog4Cpp(const std::string& propertiesFile, const std::map<std::string, std::string>& vars) {
+void configureLog4Cpp(const std::string& propertiesFile) {
     std::ifstream in(propertiesFile.c_str(), std::ios::binary);
     if (!in) {
         // Let the configurator report the missing file in its own words.
@@ -96,7 +98,13 @@ void configureLog4Cpp(const std::string& propertiesFile, const std::map<std::str
     // The configurator reads only files: hand it a substituted copy that
     // lives in memory, so that starting up writes nothing to disk.
     MemoryFile copy;
-    if (!copy.write(substituteVariables(text, vars)))
+    // The session's log is opened only when the configuration names it.
+    const auto value = [](const std::string& name, std::string& text) {
+        if (name != "LOG_FILE_NAME") return false;
+        text = theSession ? theSession->logForLog4cpp() : std::string();
+        return true;
+    };
+    if (!copy.write(substituteVariables(text, value)))
         throw VELMO_EXC(FileWrite) % "the copy of the log configuration" % std::strerror(errno);
     log4cpp::PropertyConfigurator::configure(copy.name());
 }
@@ -104,10 +112,8 @@ void configureLog4Cpp(const std::string& propertiesFile, const std::map<std::str
 }  // namespace
 
 void initializeLog4Cpp(bool debug) {
-    std::map<std::string, std::string> vars;
-    vars["LOG_FILE_NAME"] = theSession ? theSession->getLogFileName() : std::string();
     if (log4cppConfigured) return;
-    configureLog4Cpp(files::getQmvLogConfigFileName(), vars);
+    configureLog4Cpp(files::getQmvLogConfigFileName());
     if (!debug) {
         log4cpp::Category& root = log4cpp::Category::getRoot();
         if (log4cpp::Appender* console = root.getAppender("A2")) root.removeAppender(console);
@@ -118,9 +124,6 @@ void initializeLog4Cpp(bool debug) {
 DebugLogLifetimeController::DebugLogLifetimeController(bool debug) {
     initializeLog4Cpp(debug);
     theDebugLog = new DebugLog();
-    boost::system::error_code missing;
-    if (theSession != nullptr && boost::filesystem::exists(theSession->getLogFileName(), missing))
-        handToAdmin(theSession->getLogFileName());
 }
 
 DebugLogLifetimeController::~DebugLogLifetimeController() {
@@ -178,19 +181,14 @@ void XmlMsgFormatter::advanceToInnerException() { element_ = doc_.newChild(eleme
 
 namespace {
 
-std::string resultFileName(const std::string& name) {
-    if (theSession == nullptr) return name;
-    return name.empty() ? theSession->getResultFileName() : theSession->getDir() + "/" + name;
-}
-
 // Renames an existing file to the first free name.1, name.2, ...
-void moveAside(const std::string& fileName) {
-    namespace fs = boost::filesystem;
-    if (!fs::exists(fileName)) return;
+void moveAside(const Directory& dir, const std::string& name) {
+    struct stat st;
+    if (!dir.lstat(name, st)) return;
     for (unsigned n = 1;; ++n) {
-        const std::string candidate = (boost::format("%1%.%2%") % fileName % n).str();
-        if (!fs::exists(candidate)) {
-            fs::rename(fileName, candidate);
+        const std::string candidate = name + "." + std::to_string(n);
+        if (!dir.lstat(candidate, st)) {
+            dir.rename(name, candidate);
             return;
         }
     }
@@ -198,16 +196,19 @@ void moveAside(const std::string& fileName) {
 
 }  // namespace
 
-XmlLog::XmlLog(const std::string& name) : success_(false), fileName_(resultFileName(name)) {
+XmlLog::XmlLog(const std::string& name)
+    : success_(false),
+      dir_(theSession ? theSession->directory() : Directory::open(".")),
+      name_(name.empty() ? session_names::RESULT : name) {
     initNewDoc("execution-result");
-    moveAside(fileName_);
+    moveAside(dir_, name_);
 }
 
 XmlLog::~XmlLog() {
     std::string failure;
     try {
         addAttribute(getRoot(), "status", success_ ? "success" : "error");
-        saveToFileAtomically(fileName_);
+        saveToFileAtomically(dir_, name_);
         return;
     } catch (const ExTraceable& e) {
         failure = formatPlainTextMessage(e);
@@ -218,7 +219,7 @@ XmlLog::~XmlLog() {
     }
     // The destructor may run while another error unwinds: report, never throw.
     try {
-        const std::string text = "Unable to save the result document " + fileName_ + ": " + failure;
+        const std::string text = "Unable to save the result document " + dir_.pathOf(name_) + ": " + failure;
         std::cerr << text << std::endl;
         debugLine(text);
     } catch (...) {

@@ -8,6 +8,7 @@
 #include <libxml/tree.h>
 
 #include "commons/exceptions.h"
+#include "commons/local_files.h"
 #include "commons/xml_wrap.h"
 
 namespace velmo {
@@ -58,7 +59,8 @@ public:
 
 private:
     bool success_;
-    std::string fileName_;
+    Directory dir_;
+    std::string name_;
 };
 
 // The result document of the run; null outside it.

@@ -1,6 +1,6 @@
 #include "commons/session.h"
 
-#include <sys/stat.h>
+#include <fcntl.h>
 
 #include "commons/commons.h"
 #include "commons/exceptions.h"
@@ -10,24 +10,21 @@ namespace velmo {
 
 SessionFiles* theSession = nullptr;
 
+namespace session_names {
+const char* const STATUS = "migration.status";
+const char* const RESULT = "migration.result";
+const char* const CONTENT_RESULT = "transfer.result";
+const char* const LOG = "migration.log";
+const char* const SCOUT_RESULT = "scout-result.xml";
+const char* const DEPLOYMENT_STATUS = "agent-deployment.status";
+const char* const DUMP = "dump.xml";
+const char* const DUMP_NAME = "dump-name";
+const char* const RESULT_NAME = "migration-result-name";
+const char* const HOST_KEY = "host-key";
+const char* const ARCHIVES = "archives";
+}  // namespace session_names
+
 namespace {
-
-bool isDirectory(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-void createDirectory(const std::string& path, const char* failure) {
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0) {
-        // Group kvaadm: the controlling process reads the session as that account.
-        uid_t adminUid;
-        gid_t adminGid;
-        getAdminIds(adminUid, adminGid);
-        make_dir(path, 0, adminGid, 0750);
-    }
-    if (!isDirectory(path)) throw VELMO_EXC(UnableToCreateSession) % failure;
-}
 
 std::string getProductDir() { return kvaConfGetDefaultByIndex(_PRODUCT_ROOT_D_INDEX); }
 std::string getQmvDir() { return getProductDir() + "/QMV"; }
@@ -35,22 +32,47 @@ std::string getQmvDir() { return getProductDir() + "/QMV"; }
 }  // namespace
 
 SessionFiles::SessionFiles(const std::string& dir) : dir_(dir) {
-    createDirectory(dir_, "Unable to create session directory");
-    createDirectory(dir_ + "/" + "archives", "Unable to create session archives directory");
+    // Group kvaadm: the controlling process reads the session as that account.
+    uid_t adminUid;
+    gid_t adminGid;
+    getAdminIds(adminUid, adminGid);
+    const char* failure = "Unable to create session directory";
+    try {
+        directory_ = Directory::make(dir_, 0, adminGid, 0750);
+        failure = "Unable to create session archives directory";
+        directory_.below(session_names::ARCHIVES, 0, adminGid, 0750);
+    } catch (const ExTraceable& e) {
+        throw VELMO_EXC(UnableToCreateSession) % (std::string(failure) + ": " + e.what());
+    }
+}
+
+std::string SessionFiles::logForLog4cpp() {
+    if (!log_) {
+        try {
+            log_ = directory_.openOwn(session_names::LOG, O_WRONLY | O_APPEND, 0640);
+        } catch (const ExTraceable&) {
+            // The log is lost, not the run.
+            return "/dev/null";
+        }
+    }
+    // The open file itself: log4cpp opening this name cannot be led elsewhere.
+    return "/proc/self/fd/" + std::to_string(log_.get());
 }
 
 std::string SessionFiles::getDir() const { return dir_; }
-std::string SessionFiles::getStatusFileName() const { return dir_ + "/migration.status"; }
-std::string SessionFiles::getResultFileName() const { return dir_ + "/migration.result"; }
-std::string SessionFiles::getLogFileName() const { return dir_ + "/migration.log"; }
-std::string SessionFiles::getScoutResultFileName() const { return dir_ + "/scout-result.xml"; }
-std::string SessionFiles::getDeploymentStatusFileName() const { return dir_ + "/agent-deployment.status"; }
-std::string SessionFiles::getDumpFileName() const { return dir_ + "/dump.xml"; }
+std::string SessionFiles::getStatusFileName() const { return dir_ + "/" + session_names::STATUS; }
+std::string SessionFiles::getResultFileName() const { return dir_ + "/" + session_names::RESULT; }
+std::string SessionFiles::getLogFileName() const { return dir_ + "/" + session_names::LOG; }
+std::string SessionFiles::getScoutResultFileName() const { return dir_ + "/" + session_names::SCOUT_RESULT; }
+std::string SessionFiles::getDeploymentStatusFileName() const {
+    return dir_ + "/" + session_names::DEPLOYMENT_STATUS;
+}
+std::string SessionFiles::getDumpFileName() const { return dir_ + "/" + session_names::DUMP; }
 std::string SessionFiles::getDumpingStatusFileName() const {
     return dir_ + "/" + files::getRemoteDumpingStatusFileName();
 }
 std::string SessionFiles::getCidFilesDir() const { return dir_; }
-std::string SessionFiles::getHostKeyFileName() const { return dir_ + "/host-key"; }
+std::string SessionFiles::getHostKeyFileName() const { return dir_ + "/" + session_names::HOST_KEY; }
 
 SessionLifetimeController::SessionLifetimeController(const std::string& dir) {
     theSession = new SessionFiles(dir);

@@ -5,13 +5,39 @@
 
 #include <string>
 
+#include "commons/local_files.h"
+
 namespace velmo {
+
+// Names of the files in the session directory.
+namespace session_names {
+extern const char* const STATUS;
+extern const char* const RESULT;
+extern const char* const CONTENT_RESULT;
+extern const char* const LOG;
+extern const char* const SCOUT_RESULT;
+extern const char* const DEPLOYMENT_STATUS;
+extern const char* const DUMP;
+extern const char* const DUMP_NAME;
+extern const char* const RESULT_NAME;
+extern const char* const HOST_KEY;
+extern const char* const ARCHIVES;
+}  // namespace session_names
 
 class SessionFiles {
 public:
-    // Creates dir (and its missing parents) and dir/archives; throws
-    // Exc<&UnableToCreateSession>.
+    // Creates dir (and its missing parents, root's and kvaadm's group, 0750)
+    // and dir/archives, and holds dir open: every file of the session is
+    // written relative to it. A link on the way that another account could
+    // have placed is not followed. Throws Exc<&UnableToCreateSession>.
     explicit SessionFiles(const std::string& dir);
+
+    // The open session directory.
+    const Directory& directory() const { return directory_; }
+    // A name under which log4cpp opens the session's log: the log itself,
+    // opened here without following a link and handed to kvaadm, or, when
+    // it cannot be opened, /dev/null.
+    std::string logForLog4cpp();
 
     std::string getDir() const;
     std::string getStatusFileName() const;
@@ -27,6 +53,8 @@ public:
 
 private:
     std::string dir_;
+    Directory directory_;
+    Fd log_;
 };
 
 // The session of the run; null outside it.

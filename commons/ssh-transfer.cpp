@@ -18,6 +18,7 @@
 #include "commons/commons.h"
 #include "commons/exceptions.h"
 #include "commons/host_key.h"
+#include "commons/local_files.h"
 #include "commons/sh_quoting.h"
 
 namespace velmo {
@@ -65,6 +66,11 @@ int IOStreamWriteChannel::write(const char* data, unsigned size) {
     out_.write(data, size);
     if (out_.bad() || out_.fail())
         return -1;
+    return static_cast<int>(size);
+}
+
+int NewFileWriter::write(const char* data, unsigned size) {
+    file_.write(data, size);
     return static_cast<int>(size);
 }
 
@@ -379,51 +385,21 @@ int Ssh::get(std::ostream& out, const std::string& remotePath) {
     return get(out, discarded, remotePath, null_counter);
 }
 
-namespace {
-// Sets the file-creation mask and puts the previous one back.
-class UmaskScope {
-public:
-    explicit UmaskScope(mode_t mask) : saved_(::umask(mask)) {}
-    ~UmaskScope() { ::umask(saved_); }
-
-private:
-    mode_t saved_;
-};
-}  // namespace
-
 int Ssh::get(const std::string& localPath, std::ostream& err, const std::string& remotePath,
              Counter& counter) {
     logger.debugStream() << "Reading data to the file " << localPath;
-    int status;
-    std::ofstream file;
-    {
-        UmaskScope mask(026);
-        file.open(localPath.c_str(), std::ios::out | std::ios::trunc | std::ios::binary);
-        try {
-            status = get(file, err, remotePath, counter);
-        } catch (...) {
-            // Never leave a partial copy behind. A file that could not be
-            // opened is not ours to remove.
-            if (file.is_open()) {
-                file.close();
-                ::unlink(localPath.c_str());
-            }
-            throw;
-        }
-    }
-    if (!file.is_open())
-        return status;
-    if (status != 0) {
-        ::unlink(localPath.c_str());
-        file.close();
-        return status;
-    }
-    file.close();
-    if (file.fail()) {
-        // The last buffered bytes did not reach the disk.
-        ::unlink(localPath.c_str());
-        throw VELMO_EXC(StreamWrite);
-    }
+    std::string name;
+    const Directory dir = Directory::holding(localPath, name);
+    // The copy takes the name only once the read succeeded: a read that
+    // fails leaves what stood there before.
+    NewFile file(dir, name, 0640);
+    NewFileWriter output(file);
+    IOStreamWriteChannel errors(err);
+    std::istringstream empty;
+    IOStreamReadChannel none(empty);
+    const std::string command = (boost::format("cat %1%") % sh_quote(remotePath)).str();
+    const int status = exec(command, none, output, errors, true, true, counter);
+    if (status == 0) file.commit();
     return status;
 }
 

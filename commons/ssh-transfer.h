@@ -14,6 +14,7 @@
 #include <string>
 
 #include "commons/libssh2pp.h"
+#include "commons/local_files.h"
 #include "commons/socket.h"
 
 namespace velmo {
@@ -64,6 +65,16 @@ public:
 
 private:
     std::ostream& out_;
+};
+
+// Writes a file that takes its name once it is whole; Exc<&FileWrite>.
+class NewFileWriter : public IOWriteChannel {
+public:
+    explicit NewFileWriter(NewFile& file) : file_(file) {}
+    int write(const char* data, unsigned size) override;
+
+private:
+    NewFile& file_;
 };
 
 // A block of bytes written to a log stream as it is: no escaping, no
@@ -121,8 +132,10 @@ public:
     // Reads a remote file with "cat"; returns the exit status.
     int get(std::ostream& out, std::ostream& err, const std::string& remotePath, Counter& counter);
     int get(std::ostream& out, const std::string& remotePath);
-    // The same into a local file (mode 0640 at most); a read that fails,
-    // by status or by error, leaves no local file.
+    // The same into a local file (mode 0640, kvaadm's), which takes its name
+    // only when the read succeeds: a read that fails, by status or by error,
+    // leaves what stood there before. A link under that name is replaced,
+    // never written through.
     int get(const std::string& localPath, std::ostream& err, const std::string& remotePath,
             Counter& counter);
     int get(const std::string& localPath, const std::string& remotePath);

@@ -11,6 +11,7 @@
 #include <libxml/xpath.h>
 
 #include "commons/exceptions.h"
+#include "commons/local_files.h"
 
 namespace velmo {
 
@@ -61,8 +62,10 @@ public:
     virtual void saveToFile(const std::string& fileName);
 
     // Writes a temporary file beside the target, hands it to kvaadm and renames
-    // it over the target. The target stays as it was when any step fails.
+    // it over the target (a link there is replaced, never written through).
+    // The target stays as it was when any step fails.
     void saveToFileAtomically(const std::string& fileName);
+    void saveToFileAtomically(const Directory& dir, const std::string& name);
 
     void createNewDoc();
     // Replaces the held document with the parsed file; returns 1.

@@ -6,6 +6,8 @@
 
 #include <unistd.h>
 
+#include <libxml/xmlsave.h>
+
 #include "commons/commons.h"
 
 namespace velmo {
@@ -114,37 +116,23 @@ std::string tXmlQmvDocument::getNodeText(xmlNode* node) const {
     return str(text.get());
 }
 
-namespace {
-
-// Directory part and last component; a bare name has no directory part, and
-// a name right under "/" keeps "/" as its directory.
-void splitTarget(const std::string& target, std::string& dir, std::string& last) {
-    std::string::size_type at = target.rfind('/');
-    if (at == std::string::npos) {
-        dir.clear();
-        last = target;
-    } else {
-        dir = at == 0 ? std::string("/") : target.substr(0, at);
-        last = target.substr(at + 1);
-    }
+// Defined here rather than beside the rest of tXmlDocument: it needs the
+// product's administrative account.
+void tXmlDocument::saveToFileAtomically(const Directory& dir, const std::string& name) {
+    // Made exclusively and written through its descriptor, so that nothing
+    // placed under the temporary name meanwhile is written through.
+    NewFile file(dir, name, 0600);
+    xmlSaveCtxt* save = xmlSaveToFd(file.fd(), nullptr, 0);
+    if (save == nullptr) throw VELMO_EXC(tError_SaveFile) % file.path();
+    const bool written = xmlSaveDoc(save, getDoc()) >= 0;
+    if (xmlSaveClose(save) < 0 || !written) throw VELMO_EXC(tError_SaveFile) % file.path();
+    file.commit();
 }
 
-}  // namespace
-
-// Defined here rather than beside the rest of tXmlDocument: it needs the
-// product's temporary files and its administrative account.
 void tXmlDocument::saveToFileAtomically(const std::string& fileName) {
-    std::string dir, last;
-    splitTarget(fileName, dir, last);
-    // Creates the file, so the name is ours until the rename.
-    const std::string temp = QMV_getTempFileName(dir, last);
-    saveToFile(temp);
-    uid_t uid;
-    gid_t gid;
-    getAdminIds(uid, gid);
-    if (chown(temp.c_str(), uid, gid) != 0) throw VELMO_EXC(CantTakeFileOwnership) % temp % std::strerror(errno);
-    if (std::rename(temp.c_str(), fileName.c_str()) != 0)
-        throw VELMO_EXC(CantRenameFile) % temp % fileName % std::strerror(errno);
+    std::string name;
+    const Directory dir = Directory::holding(fileName, name);
+    saveToFileAtomically(dir, name);
 }
 
 }  // namespace velmo

@@ -93,17 +93,10 @@ std::string commandLine(const std::vector<std::string>& words) {
     return line;
 }
 
-void writeNameFile(const std::string& path, const std::string& text) {
-    try {
-        std::ofstream out;
-        out.exceptions(std::ios::failbit | std::ios::badbit);
-        out.open(path.c_str(), std::ios::out | std::ios::trunc | std::ios::binary);
-        out << text;
-        out.close();
-    } catch (const std::ios_base::failure& e) {
-        throw VELMO_EXC(FileWrite) % path % e.what();
-    }
-    handToAdmin(path);
+void writeNameFile(const std::string& name, const std::string& text) {
+    NewFile file(theSession->directory(), name);
+    file.write(text);
+    file.commit();
 }
 
 // ---------------------------------------------------------------- Action
@@ -235,11 +228,20 @@ void SendScoutAction::execute() {
     std::ifstream script(scoutPath.c_str(), std::ios::in | std::ios::binary);
     if (!script.is_open()) throw VELMO_EXC(UnableToOpenScoutFile) % scoutPath;
 
-    const std::string resultPath = theSession->getScoutResultFileName();
-    std::ofstream resultFile(resultPath.c_str(), std::ios::out | std::ios::trunc | std::ios::binary);
-    handToAdmin(resultPath);
+    // What the scout printed stays, also when it failed.
+    NewFile result(theSession->directory(), session_names::SCOUT_RESULT);
+    NewFileWriter output(result);
+    IOStreamReadChannel input(script);
     std::ostringstream err;
-    int rc = execRoot("perl", script, resultFile, err, false, true);
+    IOStreamWriteChannel errors(err);
+    int rc;
+    try {
+        rc = run(agentDir(), "perl", input, output, errors, false, true, true);
+    } catch (...) {
+        result.commitQuietly();
+        throw;
+    }
+    result.commit();
     if (rc != 0) throw VELMO_EXC(FailedToExecuteScout) % rc % err.str();
 
     status->setAgentOperation(MigrationStatus::wait);
@@ -264,11 +266,8 @@ bool RetrieveDumpAction::refreshDumpingStatus() {
     try {
         const std::string remote = agentDir() + "/" + files::getRemoteDumpingStatusFileName();
         const std::string local = theSession->getDumpingStatusFileName();
-        // A failed read leaves no temporary file, and the last copy stays.
-        if (getSsh()->get(local + ".tmp", remote) == 0) {
-            handToAdmin(local + ".tmp");
-            std::rename((local + ".tmp").c_str(), local.c_str());
-        }
+        // A failed read leaves the last copy as it was.
+        getSsh()->get(local, remote);
         return true;
     } catch (const ExTraceable& e) {
         // The refresh stops for the rest of the run; the action goes on.
@@ -308,8 +307,8 @@ void RetrieveDumpAction::retrieve() {
 
     takeFile(remoteDump);
     const std::string localDump = theSession->getDumpFileName();
-    if (getSsh()->get(localDump, remoteDump) == 0) handToAdmin(localDump);
-    writeNameFile(cfg->sessionPath + "/dump-name", localDump);
+    getSsh()->get(localDump, remoteDump);
+    writeNameFile(session_names::DUMP_NAME, localDump);
 }
 
 void GetDumpingStatusAction::execute() {
@@ -329,7 +328,7 @@ void GetDumpingStatusAction::execute() {
 void RemoveDumpingStatusAction::execute() {
     // The session's own copy of the agent's dumping status; nothing outside
     // the session directory is touched and no connection is made.
-    std::remove(theSession->getDumpingStatusFileName().c_str());
+    theSession->directory().remove(files::getRemoteDumpingStatusFileName());
 }
 
 // ---------------------------------------------------------------- removal

@@ -107,9 +107,9 @@ public:
     void execute() override;
 };
 
-// Writes text into path with no line end and hands the file to kvaadm;
+// Writes text with no line end into the session file name (kvaadm's);
 // throws FileWrite.
-void writeNameFile(const std::string& path, const std::string& text);
+void writeNameFile(const std::string& name, const std::string& text);
 
 // A command line made of words quoted for the remote shell.
 std::string commandLine(const std::vector<std::string>& words);

@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <sstream>
 #include <vector>
@@ -19,6 +18,7 @@
 #include "commons/agent_spec.h"
 #include "commons/checksum.h"
 #include "commons/commons.h"
+#include "commons/local_files.h"
 #include "commons/session.h"
 #include "commons/sh_quoting.h"
 #include "vantrel/terminal.h"
@@ -59,16 +59,28 @@ const std::size_t kRemovalBatch = 32 * 1024;
 // Status of a command the remote shell cannot find.
 const int kCommandNotFound = 127;
 
-off_t sizeOfFile(const std::string& path) {
+// The length of a plain file of its own under name in dir, or -1.
+off_t sizeOfFile(const Directory& dir, const std::string& name) {
     struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) ? st.st_size : -1;
+    if (!dir.isOpen() || !dir.lstat(name, st) || !S_ISREG(st.st_mode) || st.st_nlink != 1) return -1;
+    return st.st_size;
 }
 
-// MD5 of a local regular file, or an empty text when there is none.
-std::string md5OfFile(const std::string& path) {
-    if (sizeOfFile(path) < 0) return std::string();
-    std::ifstream in(path.c_str(), std::ios::in | std::ios::binary);
-    return in.is_open() ? countMd5Sum(in) : std::string();
+// MD5 of a plain file under name in dir (never through a link), or an empty
+// text when there is none.
+std::string md5OfFile(const Directory& dir, const std::string& name) {
+    if (!dir.isOpen()) return std::string();
+    Fd file = dir.openRegular(name);
+    if (!file) return std::string();
+    Md5 sum;
+    std::vector<char> buffer(1 << 16);
+    for (;;) {
+        const ssize_t n = ::read(file.get(), buffer.data(), buffer.size());
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) throw VELMO_EXC(StreamRead);
+        if (n == 0) return sum.hex();
+        sum.update(buffer.data(), static_cast<std::size_t>(n));
+    }
 }
 
 }  // namespace
@@ -125,9 +137,11 @@ private:
         std::string remote;
         bool skip;
         int64_t from;  // bytes of the archive already here, in <local>.part
+        std::string leaf;  // the last component of the name
+        Directory dir;  // the content directory's level that holds it, once made
     };
 
-    std::string part(const Item& item) const { return item.local + ".part"; }
+    std::string part(const Item& item) const { return item.leaf + ".part"; }
     void plan(const std::vector<DumpFile>& records);
     // Announces every archive up to index in the migration status, or index
     // once more when it comes again.
@@ -214,11 +228,12 @@ void ContentTransfer::run(const std::vector<DumpFile>& records) {
 void ContentTransfer::plan(const std::vector<DumpFile>& records) {
     for (const DumpFile& record : records) {
         checkProgramTerminated();
-        Item item{&record, action_.contentDir_ + "/" + record.name, action_.agentDir() + "/" + record.name, false, 0};
+        Item item{&record, action_.contentDir_.pathOf(record.name), action_.agentDir() + "/" + record.name, false, 0,
+                  getFileNameFromPath(record.name), Directory()};
         item.skip = action_.checkMD5(record);
         // A partial archive can only be trusted when its sum will prove the
         // whole at the end; one longer than the archive is no part of it.
-        const off_t partial = sizeOfFile(part(item));
+        const off_t partial = sizeOfFile(action_.contentDir_.existingBelow(getPath(record.name)), part(item));
         if (!item.skip && !record.md5sum.empty() && partial > 0 && partial <= record.size) {
             item.from = partial;
             contentLog.infoStream() << "Continuing " << record.name << " from byte " << partial << " of " << record.size;
@@ -237,13 +252,14 @@ void ContentTransfer::reach(std::size_t index) {
 }
 
 void ContentTransfer::start(std::size_t index) {
-    const Item& item = items_[index];
+    Item& item = items_[index];
     MigrationStatus& status = *action_.status;
     status.setCurrentFile(item.record->name, decimal(item.record->size));
     // A resumed archive counts only what is left of it.
     updater_.startFile(item.record->size, item.from);
     status.saveFile();
-    make_content_dir(getPath(item.local), uid_, gid_, 0755);
+    // Levels of the name are made as kvaadm's; a link there is never followed.
+    item.dir = action_.contentDir_.below(getPath(item.record->name), uid_, gid_, 0755);
     announced_ = std::max(announced_, index + 1);
 }
 
@@ -361,9 +377,7 @@ void ContentTransfer::header(const std::string& line) {
 void ContentTransfer::openArchive(std::size_t index) {
     Item& item = items_[index];
     current_ = index;
-    const std::string path = part(item);
-    fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | (item.from > 0 ? 0 : O_TRUNC), 0640);
-    if (fd_ < 0) throw VELMO_EXC(CantRetrieveContentFile) % item.remote % action_.cfg->host % item.local % std::strerror(errno);
+    fd_ = item.dir.openOwn(part(item), O_RDWR | (item.from > 0 ? 0 : O_TRUNC), 0640).release();
     md5_.reset(new BackgroundMd5());
     received_ = 0;
     // The part that is here already counts into the sum; read it once.
@@ -416,13 +430,13 @@ void ContentTransfer::closeArchive() {
     const int fd = fd_;
     fd_ = -1;
     if (::close(fd) != 0) {
-        ::unlink(part(item).c_str());
+        item.dir.remove(part(item));
         throw VELMO_EXC(StreamWrite);
     }
     const std::string sum = md5_->hex();
     const bool whole = received_ == item.record->size && (item.record->md5sum.empty() || sum == item.record->md5sum);
     if (!whole) {
-        ::unlink(part(item).c_str());
+        item.dir.remove(part(item));
         if (item.from > 0) {
             again_.push_back(current_);
             items_[current_].from = 0;
@@ -431,13 +445,13 @@ void ContentTransfer::closeArchive() {
         throw VELMO_EXC(ContentFileMismatch) % item.record->name % item.record->size %
             (item.record->md5sum.empty() ? "(none)" : item.record->md5sum) % received_ % sum;
     }
-    // The archive takes its name only once it is whole and proven.
-    if (std::rename(part(item).c_str(), item.local.c_str()) != 0) {
+    // The archive takes its name only once it is whole and proven; whatever
+    // stood under that name (a link included) is replaced.
+    if (::renameat(item.dir.fd(), part(item).c_str(), item.dir.fd(), item.leaf.c_str()) != 0) {
         const std::string why = std::strerror(errno);
-        ::unlink(part(item).c_str());
+        item.dir.remove(part(item));
         throw VELMO_EXC(CantRetrieveContentFile) % item.remote % action_.cfg->host % item.local % why;
     }
-    handToAdmin(item.local);
     arrived_.push_back(item.remote);
     finish(current_);
 }
@@ -453,7 +467,7 @@ void ContentTransfer::abandonArchive(bool keep) {
     const Item& item = items_[current_];
     ::close(fd_);
     fd_ = -1;
-    if (!keep || item.record->md5sum.empty() || !md5_) ::unlink(part(item).c_str());
+    if (!keep || item.record->md5sum.empty() || !md5_) item.dir.remove(part(item));
 }
 
 bool ContentTransfer::removeArrived() {
@@ -513,10 +527,11 @@ void checkContentFileName(const std::string& name) {
 
 bool RetrieveContentAction::checkMD5(const DumpFile& file) {
     if (file.md5sum.empty()) return false;
-    const std::string sessionCopy = theSession->getCidFilesDir() + "/" + getFileNameFromPath(file.name);
-    if (md5OfFile(sessionCopy) == file.md5sum) return true;
-    const std::string local = contentDir_ + "/" + file.name;
-    return local != sessionCopy && md5OfFile(local) == file.md5sum;
+    const std::string leaf = getFileNameFromPath(file.name);
+    if (md5OfFile(theSession->directory(), leaf) == file.md5sum) return true;
+    const Directory dir = contentDir_.existingBelow(getPath(file.name));
+    return !(dir.isOpen() && dir.sameAs(theSession->directory()) && leaf == file.name) &&
+           md5OfFile(dir, leaf) == file.md5sum;
 }
 
 void RetrieveContentAction::execute() {
@@ -531,7 +546,6 @@ void RetrieveContentAction::retrieve() {
     uid_t uid;
     gid_t gid;
     getAdminIds(uid, gid);
-    make_content_dir(theSession->getCidFilesDir(), uid, gid, 0755);
 
     status->setAgentParams(cfg->host);
     status->setTransferDump();
@@ -550,20 +564,23 @@ void RetrieveContentAction::retrieve() {
     // Every name is checked before anything is written.
     for (const DumpFile& record : records) checkContentFileName(record.name);
 
-    contentDir_ = cfg->dumpsDir.empty() ? theSession->getCidFilesDir() : cfg->dumpsDir;
+    const std::string contentPath = cfg->dumpsDir.empty() ? theSession->getCidFilesDir() : cfg->dumpsDir;
     if (!cfg->noCheckSpace) {
-        uint64_t available = getFreeSpace(contentDir_);
+        uint64_t available = getFreeSpace(contentPath);
         if (available < total)
             throw VELMO_EXC(NotEnoughSpace) % boost::lexical_cast<std::string>(available) %
                 boost::lexical_cast<std::string>(total);
     }
+    // Made where missing, as kvaadm's; a link that another account placed on
+    // the way is not followed.
+    contentDir_ = cfg->dumpsDir.empty() ? theSession->directory() : Directory::make(cfg->dumpsDir, uid, gid, 0755);
     status->setTransferTotals(decimal(static_cast<int64_t>(records.size())), boost::lexical_cast<std::string>(total));
 
     FileRetrievalProgressUpdater updater(*status, static_cast<int64_t>(total), static_cast<int32_t>(records.size()));
     ContentTransfer(*this, updater, uid, gid).run(records);
 
-    writeNameFile(cfg->sessionPath + "/dump-name", contentDir_ + "/dump.xml");
-    writeNameFile(cfg->sessionPath + "/migration-result-name", contentDir_ + "/migration.result");
+    writeNameFile(session_names::DUMP_NAME, contentPath + "/dump.xml");
+    writeNameFile(session_names::RESULT_NAME, contentPath + "/migration.result");
 }
 
 }  // namespace velmo

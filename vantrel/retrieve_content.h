@@ -44,7 +44,7 @@ private:
     friend class ContentTransfer;
     void retrieve();
 
-    std::string contentDir_;
+    Directory contentDir_;
 };
 
 // Refuses a content name that would leave the content directory.

@@ -227,13 +227,23 @@ void SendAgentAction::execute() {
     boost::shared_ptr<Agent> agent = theAgentsFactory().getAgent(cfg->agentName);
     const std::string entry = agentDir() + "/" + agent->getEntryPoint();
 
-    const std::string statusPath = theSession->getDeploymentStatusFileName();
-    std::ofstream statusFile(statusPath.c_str(), std::ios::out | std::ios::trunc | std::ios::binary);
+    // The agent's answer stays, whatever it was.
+    NewFile statusFile(theSession->directory(), session_names::DEPLOYMENT_STATUS);
+    NewFileWriter output(statusFile);
+    std::istringstream none;
+    IOStreamReadChannel input(none);
     std::ostringstream err;
-    int rc = execRoot(commandLine({agent->getEffectiveInterpreter(), entry, "--get-status"}), statusFile, err, false);
+    IOStreamWriteChannel errors(err);
+    int rc;
+    try {
+        rc = run(agentDir(), commandLine({agent->getEffectiveInterpreter(), entry, "--get-status"}), input, output,
+                 errors, false, false, true);
+    } catch (...) {
+        statusFile.commitQuietly();
+        throw;
+    }
+    statusFile.commit();
     if (rc != 0) throw VELMO_EXC(CantRequestAgentStatus) % entry % err.str();
-    statusFile.close();
-    handToAdmin(statusPath);
 }
 
 }  // namespace velmo

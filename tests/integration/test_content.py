@@ -44,18 +44,18 @@ class SampleContentTest(ContentCase):
         archives = self.dump("--dump-all")
         self.assertEqual(["alice/alice-example.test", "alice/shop.alice-example.test", "bob/bobs-bakery.test",
                           "carol/carol.test", "carol/photos.carol.test"], [n[8:-7] for n, _, _ in archives])
-        s = self.fifo_session()
-        status, dump_name, r = self.final_status(self.get_content(self.agent_dir, agent="sample", session=s))
+        s = self.session()
+        status, r = self.final_status(self.get_content(self.agent_dir, agent="sample", session=s))
         self.ok(r, "transfer.result")
         self.assertFalse(s.exists("migration.result"))
         self.assertFinal(status, 5, sum(size for _, size, _ in archives), 0, *archives[-1][:2])
-        self.assertEqual((s.path + "/dump.xml").encode(), dump_name)
+        self.assertEqual((s.path + "/dump.xml").encode(), s.read("dump-name"))
         self.assertEqual((s.path + "/migration.result").encode(), s.read("migration-result-name"))
         self.assertArrived(archives, s.path, self.agent_dir)
         self.assertEqual(0, os.stat(s.file(archives[0][0])).st_mode & 0o027)
         admin = tuple(pwd.getpwnam(h.ADMIN_ACCOUNT)[2:4])
         # Everything handed to the controlling process is kvaadm's.
-        for path in [os.path.join(d, n) for d, _, names in os.walk(s.path) for n in names if n != "dump-name"]:
+        for path in [os.path.join(d, n) for d, _, names in os.walk(s.path) for n in names]:
             self.assertEqual(admin, (os.stat(path).st_uid, os.stat(path).st_gid), path)
         for d in ("content", "content/carol"):
             st = os.stat(s.file(d))
@@ -77,7 +77,7 @@ class SampleContentTest(ContentCase):
         (archive,) = self.dump("--dump-selected", "--domains=photos.carol.test", "--no-compress",
                                content_size=300 * h.MIB)
         name, size, _ = archive
-        s = self.fifo_session()
+        s = self.session()
         # Without its quarantine ASan reuses freed memory as a plain build does.
         run = self.get_content(self.agent_dir, agent="sample", session=s,
                                env={"ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=0"})
@@ -85,7 +85,7 @@ class SampleContentTest(ContentCase):
         while run.proc.poll() is None and not any(b"<current-file" in d for _, d in poll.seen):
             time.sleep(0.02)
         start = h.peak_rss_kib(run.pid)
-        status, _, r = self.final_status(run)
+        status, r = self.final_status(run)
         poll.stop()
         self.ok(r, "transfer.result")
         self.assertFinal(status, 1, size, 0, name, size)
@@ -102,12 +102,12 @@ class ListedContentTest(ContentCase):
         archives = [h.archive("a", 1), h.archive("b", 4096), h.archive("c", 10000), ("d", b"d" * 100, ""),
                     h.archive("e")]
         agent_dir = self.lay_out(archives)
-        s = self.fifo_session()
+        s = self.session()
         for name, data, _ in archives:
             h.write(s.file(name), data if name < "d" else b"stale local copy")
         ident = lambda n: (os.stat(s.file(n)).st_ino, os.stat(s.file(n)).st_mtime_ns)  # noqa: E731
         kept = [ident(n) for n in "abc"]
-        status, _, r = self.final_status(self.get_content(agent_dir, session=s))
+        status, r = self.final_status(self.get_content(agent_dir, session=s))
         self.ok(r, "transfer.result")
         # Skipped archives stay in the size left.
         self.assertFinal(status, 5, sum(len(d) for _, d, _ in archives), 1 + 4096 + 10000, "e", 4096)
