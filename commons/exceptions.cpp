@@ -91,6 +91,10 @@ VELMO_TAG(UnsafeContentFileName, "UnsafeContentFileName",
           "Refusing to retrieve content file '%1%': the name leads outside the content directory")
 VELMO_TAG(LinkNotFollowed, "LinkNotFollowed",
           "%1% is a symbolic link that another account can change: vantrel does not follow it")
+VELMO_TAG(SessionBusy, "SessionBusy",
+          "The session %1% is in use by another run of vantrel: this run changed nothing there (its result is %2%)")
+VELMO_TAG(ContentNamesCollide, "ContentNamesCollide",
+          "The content list names files that would take the place of the session's own files or of each other: %1%")
 VELMO_TAG(CantOpenDirectory, "CantOpenDirectory", "Cannot open or create the directory %1%: %2%")
 
 ExInfoVisitor::~ExInfoVisitor() {}

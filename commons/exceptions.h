@@ -235,6 +235,10 @@ extern const ExTag CantWriteRemoteFile;
 extern const ExTag UnsafeContentFileName;
 // A link where vantrel, as root, expected a file or a directory of its own.
 extern const ExTag LinkNotFollowed;
+// A second run on a session that another run holds.
+extern const ExTag SessionBusy;
+// Content names that would land on a session file or on each other.
+extern const ExTag ContentNamesCollide;
 // A local directory that cannot be opened or made.
 extern const ExTag CantOpenDirectory;
 

@@ -33,8 +33,10 @@ static const unsigned kPacketSize = 32768;
 // channel, starting a command) that waits this long for the peer fails:
 // remote commands themselves run without a bound, outside blocking calls.
 static const long kProtocolTimeoutMs = 120 * 1000;
-// What closing a session may take before it is given up.
+// What closing a session may take before it is given up, and closing a
+// channel after a failure or a stop request.
 static const long kCloseTimeoutMs = 5000;
+static const long kLeavingTimeoutMs = 3000;
 
 void qmv_libssh2_channel_free(LIBSSH2_CHANNEL* channel) {
     (void)libssh2_channel_free(channel);
@@ -58,6 +60,11 @@ bool Channel::closedByPeer() {
     entry.revents = 0;
     libssh2_poll(&entry, 1, 0);
     return (entry.revents & LIBSSH2_POLLFD_CHANNEL_CLOSED) != 0;
+}
+
+bool isConnectionLost(int error) {
+    return error == LIBSSH2_ERROR_SOCKET_RECV || error == LIBSSH2_ERROR_SOCKET_SEND ||
+           error == LIBSSH2_ERROR_SOCKET_DISCONNECT || error == LIBSSH2_ERROR_SOCKET_TIMEOUT;
 }
 
 // The numeric address of the peer of a connected socket, for messages.
@@ -99,7 +106,10 @@ Session::Session(int socket, bool disableEncryption, bool compatibilityMode, lon
         checkLoginTimeout("handshake");
         const std::string reason = lastError();
         sessionLogger.errorStream() << "SSH session was not started: " << reason;
-        // The base class frees the library session on the way out.
+        // The base class frees the library session on the way out. A
+        // connection lost before the session stands is no refusal of SSH.
+        if (isConnectionLost(libssh2_session_last_errno(session)))
+            throw VELMO_EXC(ConnectionFault) % peerAddress(socket) % "the connection was lost during the SSH handshake";
         throw VELMO_EXC(UnableToStartSshSession) % reason;
     }
     const char* cipher = libssh2_session_methods(session, LIBSSH2_METHOD_CRYPT_SC);
@@ -159,7 +169,11 @@ void Session::loginTimedOut(const char* step) {
 
 void Session::endLoginTimeout() {
     loginLimited_ = false;
-    libssh2_session_set_timeout(get(), kProtocolTimeoutMs);
+    boundWaits(false);
+}
+
+void Session::boundWaits(bool leaving) {
+    if (!loginLimited_) libssh2_session_set_timeout(get(), leaving ? kLeavingTimeoutMs : kProtocolTimeoutMs);
 }
 
 std::string Session::lastError() const {
@@ -279,9 +293,7 @@ LIBSSH2_CHANNEL* Session::openSessionChannel() {
     // Only the reserve channel is opened while the login time runs.
     checkLoginTimeout("authentication");
     const int error = libssh2_session_last_errno(get());
-    if (error == LIBSSH2_ERROR_TIMEOUT || error == LIBSSH2_ERROR_SOCKET_RECV || error == LIBSSH2_ERROR_SOCKET_SEND ||
-        error == LIBSSH2_ERROR_SOCKET_DISCONNECT)
-        throw VELMO_EXC(SshConnectionFault);
+    if (error == LIBSSH2_ERROR_TIMEOUT || isConnectionLost(error)) throw VELMO_EXC(SshConnectionFault);
     return channel;
 }
 

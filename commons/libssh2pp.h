@@ -19,6 +19,9 @@ namespace libssh2pp {
 void qmv_libssh2_channel_free(LIBSSH2_CHANNEL* channel);
 void qmv_libssh2_session_free(LIBSSH2_SESSION* session);
 
+// Whether a library error means that the connection itself is gone.
+bool isConnectionLost(int error);
+
 class Channel : public Handle<LIBSSH2_CHANNEL*, &qmv_libssh2_channel_free,
                               DefaultValidationPolicy<LIBSSH2_CHANNEL*> > {
 public:
@@ -77,6 +80,9 @@ public:
     // Blocking mode for the calls of the library: remote commands switch it
     // off while they move data and wait on the socket themselves.
     void setBlocking(bool blocking) { libssh2_session_set_blocking(get(), blocking ? 1 : 0); }
+    // How long a blocking call of the library waits for the peer once logged
+    // in: two minutes, or a few seconds while leaving after a failure.
+    void boundWaits(bool leaving);
     // Waits until the socket is ready for what the library last waited on
     // (reading if nothing else), at most timeoutMs; true when it is ready.
     bool waitSocket(int timeoutMs);

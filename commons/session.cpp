@@ -1,6 +1,9 @@
 #include "commons/session.h"
 
+#include <cerrno>
+
 #include <fcntl.h>
+#include <sys/file.h>
 
 #include "commons/commons.h"
 #include "commons/exceptions.h"
@@ -39,6 +42,11 @@ SessionFiles::SessionFiles(const std::string& dir) : dir_(dir) {
     const char* failure = "Unable to create session directory";
     try {
         directory_ = Directory::make(dir_, 0, adminGid, 0750);
+        // One run per session: a second one touches nothing in it.
+        if (::flock(directory_.fd(), LOCK_EX | LOCK_NB) != 0) {
+            busy_ = errno == EWOULDBLOCK;
+            if (busy_) return;
+        }
         failure = "Unable to create session archives directory";
         directory_.below(session_names::ARCHIVES, 0, adminGid, 0750);
     } catch (const ExTraceable& e) {

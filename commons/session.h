@@ -29,11 +29,16 @@ public:
     // Creates dir (and its missing parents, root's and kvaadm's group, 0750)
     // and dir/archives, and holds dir open: every file of the session is
     // written relative to it. A link on the way that another account could
-    // have placed is not followed. Throws Exc<&UnableToCreateSession>.
+    // have placed is not followed. The run holds the session until it ends
+    // (see busy). Throws Exc<&UnableToCreateSession>.
     explicit SessionFiles(const std::string& dir);
 
     // The open session directory.
     const Directory& directory() const { return directory_; }
+    // Whether another run holds the session: then nothing was made or
+    // written in it, and this run is to write nothing but a refusal under
+    // a name of its own.
+    bool busy() const { return busy_; }
     // A name under which log4cpp opens the session's log: the log itself,
     // opened here without following a link and handed to kvaadm, or, when
     // it cannot be opened, /dev/null.
@@ -55,6 +60,7 @@ private:
     std::string dir_;
     Directory directory_;
     Fd log_;
+    bool busy_ = false;
 };
 
 // The session of the run; null outside it.

@@ -5,7 +5,9 @@
 #include <iostream>
 #include <stdexcept>
 
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/types.h>
@@ -14,10 +16,33 @@
 #include <log4cpp/Category.hh>
 
 #include "commons/exceptions.h"
+#include "commons/ssh-transfer.h"
 
 namespace velmo {
 
 static log4cpp::Category& logger = log4cpp::Category::getInstance("p.libssh2pp.Socket");
+
+namespace {
+
+// Connects without waiting inside the kernel, so that a stop request is seen
+// while a host that drops packets is waited for (the kernel gives up on it
+// after about two minutes). Returns 0 or the error of the connection.
+int connectStoppably(int fd, const addrinfo* address) {
+    const int flags = ::fcntl(fd, F_GETFL);
+    ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    int error = ::connect(fd, address->ai_addr, address->ai_addrlen) == 0 ? 0 : errno;
+    while (error == EINPROGRESS || error == EINTR) {
+        checkProgramTerminated();
+        pollfd entry = {fd, POLLOUT, 0};
+        if (::poll(&entry, 1, 250) <= 0) continue;
+        socklen_t length = sizeof error;
+        if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0) error = errno;
+    }
+    ::fcntl(fd, F_SETFL, flags);
+    return error;
+}
+
+}  // namespace
 
 addrinfo* Socket::gethostbyname(const std::string& host, unsigned short port) {
     logger.errorStream() << "Resolving " << host;
@@ -46,8 +71,8 @@ Socket::Socket(const std::string& host, unsigned short port) : fd_(-1), addresse
             socketError = errno;
             continue;
         }
-        if (::connect(fd_, address->ai_addr, address->ai_addrlen) == 0) break;
-        error = errno;
+        error = connectStoppably(fd_, address);
+        if (error == 0) break;
         char numeric[NI_MAXHOST] = "?";
         getnameinfo(address->ai_addr, address->ai_addrlen, numeric, sizeof numeric, nullptr, 0, NI_NUMERICHOST);
         logger.errorStream() << "Unable to open socket to " << host << ":" << port << " (" << numeric

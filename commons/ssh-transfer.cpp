@@ -69,6 +69,22 @@ int IOStreamWriteChannel::write(const char* data, unsigned size) {
     return static_cast<int>(size);
 }
 
+int BoundedText::write(const char* data, unsigned size) {
+    const std::size_t toHead = std::min<std::size_t>(size, half_ - head_.size());
+    head_.append(data, toHead);
+    tail_.append(data + toHead, size - toHead);
+    if (tail_.size() > half_) {
+        leftOut_ += tail_.size() - half_;
+        tail_.erase(0, tail_.size() - half_);
+    }
+    return static_cast<int>(size);
+}
+
+std::string BoundedText::str() const {
+    if (leftOut_ == 0) return head_ + tail_;
+    return head_ + "\n[... " + std::to_string(leftOut_) + " bytes left out ...]\n" + tail_;
+}
+
 int NewFileWriter::write(const char* data, unsigned size) {
     file_.write(data, size);
     return static_cast<int>(size);
@@ -80,14 +96,32 @@ std::ostream& operator<<(std::ostream& out, const memchunk_log& chunk) {
     return out;
 }
 
-// Logs a chunk of a remote stream behind prefix, with every known password
-// masked; nothing is built when debug lines are not wanted.
-static void logChunk(const char* prefix, const char* data, std::size_t length) {
-    if (length == 0 || !logger.isDebugEnabled())
-        return;
-    const std::string text = maskSecrets(std::string(data, length));
-    logger.debugStream() << prefix << memchunk_log(text.data(), text.size());
-}
+// Logs what one stream of a remote command carries, chunk by chunk behind its
+// prefix, with every known password masked: the first bytes only, then how
+// many more there were, so that a loud command cannot fill the disk.
+class StreamLog {
+public:
+    explicit StreamLog(const char* prefix) : prefix_(prefix) {}
+    ~StreamLog() {
+        if (skipped_ > 0)
+            logger.debugStream() << prefix_ << "(" << skipped_ << " more bytes, not logged)";
+    }
+    void add(const char* data, std::size_t length) {
+        if (length == 0 || !logger.isDebugEnabled()) return;
+        const std::size_t n = std::min(length, kLogged - std::min(kLogged, logged_));
+        skipped_ += length - n;
+        logged_ += n;
+        if (n == 0) return;
+        const std::string text = maskSecrets(std::string(data, n));
+        logger.debugStream() << prefix_ << memchunk_log(text.data(), text.size());
+    }
+
+private:
+    static constexpr std::size_t kLogged = 64 * 1024;
+    const char* prefix_;
+    std::size_t logged_ = 0;
+    unsigned long long skipped_ = 0;
+};
 
 void pump_write(IOWriteChannel& to, const char* data, int length) {
     checkProgramTerminated();
@@ -135,21 +169,36 @@ void Ssh::logIn(const std::string& host, const std::string& login, const std::st
     const long limitMs = loginTimeoutSec() * 1000;
     const auto start = std::chrono::steady_clock::now();
     logger.debugStream() << "SSH handshake and authentication may take up to " << limitMs / 1000 << " s";
+    // The session knows the peer by its address only: failures name it as
+    // the caller did.
+    const auto startSession = [&](bool compatibilityMode, long timeoutMs) {
+        try {
+            session_.reset(new libssh2pp::Session(socket_->fd(), disableEncryption, compatibilityMode, timeoutMs));
+        } catch (const Exc<&ConnectionTimedOut>&) {
+            throw VELMO_EXC(ConnectionTimedOut) % host;
+        } catch (const Exc<&ConnectionFault>&) {
+            throw VELMO_EXC(ConnectionFault) % host % "the connection was lost during the SSH handshake";
+        }
+    };
     socket_.reset(new Socket(host, port));
     try {
-        try {
-            session_.reset(new libssh2pp::Session(socket_->fd(), disableEncryption, false, limitMs));
-        } catch (const Exc<&UnableToStartSshSession>&) {
-            socket_.reset();
-            logger.debugStream() << "Attempt to start SSH session in a 'compatibility' mode";
-            socket_.reset(new Socket(host, port));
-            // The second attempt gets what the first one left of the time.
-            const long spentMs = static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                std::chrono::steady_clock::now() - start).count());
-            if (spentMs >= limitMs)
-                throw VELMO_EXC(ConnectionTimedOut) % host;
-            session_.reset(new libssh2pp::Session(socket_->fd(), disableEncryption, true, limitMs - spentMs));
-        }
+        startSession(false, limitMs);
+    } catch (const ExTraceable& e) {
+        // A peer that refused the handshake, or dropped the connection
+        // during it, may be an old one that wants the old key exchange.
+        if (!dynamic_cast<const Exc<&UnableToStartSshSession>*>(&e) && !dynamic_cast<const Exc<&ConnectionFault>*>(&e))
+            throw;
+        checkProgramTerminated();
+        socket_.reset();
+        logger.debugStream() << "Attempt to start SSH session in a 'compatibility' mode";
+        socket_.reset(new Socket(host, port));
+        // The second attempt gets what the first one left of the time.
+        const long spentMs = static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::steady_clock::now() - start).count());
+        if (spentMs >= limitMs) throw VELMO_EXC(ConnectionTimedOut) % host;
+        startSession(true, limitMs - spentMs);
+    }
+    try {
         // Nothing of the login goes to a host that is not the one of the
         // migration.
         checkHostKey(host, hostKeyOf(session_->get()));
@@ -157,8 +206,6 @@ void Ssh::logIn(const std::string& host, const std::string& login, const std::st
     } catch (const Exc<&SshAuthorizationFailed>&) {
         throw VELMO_EXC(SshInvalidCredentials) % host;
     } catch (const Exc<&ConnectionTimedOut>&) {
-        // The session knows the peer by its address only; name it as the
-        // caller did.
         throw VELMO_EXC(ConnectionTimedOut) % host;
     }
 }
@@ -218,8 +265,14 @@ namespace {
 // however it ends, so that its channel is closed in that mode.
 class BlockingWhenDone {
 public:
-    explicit BlockingWhenDone(libssh2pp::Session& session) : session_(session) {}
-    ~BlockingWhenDone() { session_.setBlocking(true); }
+    explicit BlockingWhenDone(libssh2pp::Session& session) : session_(session) { session_.boundWaits(false); }
+    ~BlockingWhenDone() {
+        session_.setBlocking(true);
+        // A command left for a failure or a stop request is closed without
+        // waiting long for a peer that may be gone, or for a command that
+        // does not end.
+        if (std::uncaught_exceptions() > 0) session_.boundWaits(true);
+    }
 
 private:
     libssh2pp::Session& session_;
@@ -244,6 +297,8 @@ int Ssh::execChannel(const std::string& command, IOReadChannel& in, IOWriteChann
     int inputSent = 0;
     std::vector<char> buffer(kChunkSize);
     bool closedWithoutEof = false;
+    StreamLog inputLog("remote stdin <- ");
+    StreamLog outputLog[2] = {StreamLog("remote stdout -> "), StreamLog("remote stderr -> ")};
     for (;;) {
         checkProgramTerminated();
         session_->setBlocking(false);
@@ -254,8 +309,7 @@ int Ssh::execChannel(const std::string& command, IOReadChannel& in, IOWriteChann
                 const int n = in.read(input.data(), kChunkSize);
                 if (n < 0)
                     throw VELMO_EXC(StreamRead);
-                if (!quietInput)
-                    logChunk("remote stdin <- ", input.data(), static_cast<std::size_t>(n));
+                if (!quietInput) inputLog.add(input.data(), static_cast<std::size_t>(n));
                 inputLength = n;
                 inputSent = 0;
                 if (n == 0)
@@ -297,9 +351,7 @@ int Ssh::execChannel(const std::string& command, IOReadChannel& in, IOWriteChann
                 const ssize_t n = libssh2_channel_read_ex(raw, stream, buffer.data(), kChunkSize);
                 if (n > 0) {
                     progress = true;
-                    if (!quietOutput)
-                        logChunk(stream == 0 ? "remote stdout -> " : "remote stderr -> ", buffer.data(),
-                                 static_cast<std::size_t>(n));
+                    if (!quietOutput) outputLog[stream].add(buffer.data(), static_cast<std::size_t>(n));
                     if (stream == 0)
                         counter(static_cast<int>(n));
                     pump_write(stream == 0 ? out : err, buffer.data(), static_cast<int>(n));

@@ -67,6 +67,24 @@ private:
     std::ostream& out_;
 };
 
+// What a remote command says, kept within a bound however much it says: its
+// first and last bytes, and how many were left out between them.
+class BoundedText : public IOWriteChannel {
+public:
+    // Keeps at most keep bytes, half of them from the start.
+    explicit BoundedText(std::size_t keep = 64 * 1024) : half_(keep / 2) {}
+    int write(const char* data, unsigned size) override;
+    // The start, a line that says how much was left out (if anything was),
+    // and the end.
+    std::string str() const;
+
+private:
+    std::size_t half_;
+    std::string head_;
+    std::string tail_;
+    unsigned long long leftOut_ = 0;
+};
+
 // Writes a file that takes its name once it is whole; Exc<&FileWrite>.
 class NewFileWriter : public IOWriteChannel {
 public:

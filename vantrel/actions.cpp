@@ -15,6 +15,7 @@
 #include "commons/log.h"
 #include "commons/session.h"
 #include "commons/sh_quoting.h"
+#include "vantrel/remote_programs.h"
 
 namespace velmo {
 
@@ -101,8 +102,8 @@ void writeNameFile(const std::string& name, const std::string& text) {
 
 // ---------------------------------------------------------------- Action
 
-Action::Action(bool withStatus) : cfg(nullptr), agentDirKnown_(false) {
-    if (withStatus) {
+Action::Action(StatusFile statusFile) : cfg(nullptr), agentDirKnown_(false) {
+    if (statusFile == StatusFile::kept) {
         status = createMigrationStatusFile();
         status->setIdle();
         status->saveFile();
@@ -154,15 +155,31 @@ const std::string& Action::agentDir() {
     return agentDir_;
 }
 
-int Action::run(const std::string& dir, const std::string& command, IOReadChannel& in, IOWriteChannel& out,
-                IOWriteChannel& err, bool quietOutput, bool quietInput, bool asRoot) {
+namespace {
+
+// Runs its arguments as a command under remote/watchdog.pl where the source
+// host has perl, as they are where it has none.
+std::string endingWithRun(const std::string& command) {
+    return commandLine({"sh", "-c", "command -v perl >/dev/null 2>&1 && exec perl -e \"$0\" -- \"$@\"; exec \"$@\"",
+                        remote::watchdog}) +
+           " " + command;
+}
+
+}  // namespace
+
+CommandResult Action::run(const CommandOptions& how, const std::string& command, IOReadChannel& in,
+                          IOWriteChannel& out) {
     // Every command runs in a fresh sh; it does not run at all when the
     // directory cannot be entered.
-    std::string line = (dir.empty() ? std::string("cd") : "cd " + sh_quote(dir)) + " || exit 1; ";
-    if (!asRoot || !cfg->useSudo) {
-        line += command;
-        return getSsh()->exec(commandLine({"sh", "-c", line}), in, out, err, quietOutput, quietInput,
-                              Ssh::null_counter);
+    std::string line = (how.dir.empty() ? std::string("cd") : "cd " + sh_quote(how.dir)) + " || exit 1; ";
+    const std::string guarded = how.guarded ? endingWithRun(command) : command;
+    CommandResult result;
+    BoundedText errors;
+    if (!how.root || !cfg->useSudo) {
+        result.status = getSsh()->exec(commandLine({"sh", "-c", line + guarded}), in, out, errors, !how.logOutput,
+                                       !how.logInput, Ssh::null_counter);
+        result.errors = errors.str();
+        return result;
     }
 
     // One exchange does it all: see that sudo exists, check the password
@@ -179,30 +196,40 @@ int Action::run(const std::string& dir, const std::string& command, IOReadChanne
             kSudoRefusedMark + "' >&2; exit " + std::to_string(kSudoRefusedStatus) +
             "; }; "
             "if sudo -n true 2>/dev/null; then sudo -n " +
-            command + "; else { printf '%s\\n' \"$p\"; exec cat; } | sudo -S -k -p ' ' " + command + "; fi";
+            guarded + "; else { printf '%s\\n' \"$p\"; exec cat; } | sudo -S -k -p ' ' " + guarded + "; fi";
     PasswordFirst input(cfg->sudoPassword, in);
-    TailKeeper errors(err);
-    const int rc = getSsh()->exec(commandLine({"sh", "-c", line}), input, out, errors, quietOutput, quietInput,
-                                  Ssh::null_counter);
-    if (rc == kNoSudoStatus && errors.endsWith(kNoSudoMark)) throw VELMO_EXC(SudoNotFound) % cfg->host;
-    if (rc == kSudoRefusedStatus && errors.endsWith(kSudoRefusedMark)) {
-        debugLog("sudo refused the password: " + maskSecrets(errors.tail()));
+    TailKeeper tail(errors);
+    result.status = getSsh()->exec(commandLine({"sh", "-c", line}), input, out, tail, !how.logOutput,
+                                   !how.logInput, Ssh::null_counter);
+    if (result.status == kNoSudoStatus && tail.endsWith(kNoSudoMark)) throw VELMO_EXC(SudoNotFound) % cfg->host;
+    if (result.status == kSudoRefusedStatus && tail.endsWith(kSudoRefusedMark)) {
+        debugLog("sudo refused the password: " + maskSecrets(tail.tail()));
         throw VELMO_EXC(SudoNotAllowed) % cfg->login % cfg->host;
     }
-    return rc;
+    result.errors = errors.str();
+    return result;
 }
 
-int Action::run(const std::string& dir, const std::string& command, std::istream& in, std::ostream& out,
-                std::ostream& err, bool quietOutput, bool quietInput, bool asRoot) {
-    IOStreamReadChannel input(in);
-    IOStreamWriteChannel output(out);
-    IOStreamWriteChannel errors(err);
-    return run(dir, command, input, output, errors, quietOutput, quietInput, asRoot);
+CommandResult Action::run(const CommandOptions& how, const std::string& command, const std::string& input) {
+    std::istringstream text(input);
+    IOStreamReadChannel in(text);
+    BoundedText output(64u << 20);
+    CommandResult result = run(how, command, in, output);
+    result.output = output.str();
+    return result;
 }
 
 int Action::execRoot(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
                      bool quietOutput, bool quietInput) {
-    return run(agentDir(), command, in, out, err, quietOutput, quietInput, true);
+    CommandOptions how(agentDir());
+    how.asRoot();
+    how.logOutput = !quietOutput;
+    how.logInput = !quietInput;
+    IOStreamReadChannel input(in);
+    IOStreamWriteChannel output(out);
+    const CommandResult result = run(how, command, input, output);
+    err << result.errors;
+    return result.status;
 }
 
 int Action::execRoot(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput) {
@@ -212,9 +239,8 @@ int Action::execRoot(const std::string& command, std::ostream& out, std::ostream
 
 void Action::takeFile(const std::string& remotePath) {
     if (!cfg->useSudo) return;
-    std::ostringstream out, err;
-    int rc = execRoot(commandLine({"chown", cfg->login, remotePath}), out, err, false);
-    if (rc != 0) throw VELMO_EXC(CantTakeFileOwnership) % remotePath % err.str();
+    const CommandResult result = run(CommandOptions(agentDir()).asRoot(), commandLine({"chown", cfg->login, remotePath}));
+    if (result.status != 0) throw VELMO_EXC(CantTakeFileOwnership) % remotePath % result.errors;
 }
 
 // ---------------------------------------------------------------- scout
@@ -232,17 +258,15 @@ void SendScoutAction::execute() {
     NewFile result(theSession->directory(), session_names::SCOUT_RESULT);
     NewFileWriter output(result);
     IOStreamReadChannel input(script);
-    std::ostringstream err;
-    IOStreamWriteChannel errors(err);
-    int rc;
+    CommandResult scout;
     try {
-        rc = run(agentDir(), "perl", input, output, errors, false, true, true);
+        scout = run(CommandOptions(agentDir()).asRoot().quietInput().endingWithRun(), "perl", input, output);
     } catch (...) {
         result.commitQuietly();
         throw;
     }
     result.commit();
-    if (rc != 0) throw VELMO_EXC(FailedToExecuteScout) % rc % err.str();
+    if (scout.status != 0) throw VELMO_EXC(FailedToExecuteScout) % scout.status % scout.errors;
 
     status->setAgentOperation(MigrationStatus::wait);
     status->saveFile();
@@ -252,7 +276,7 @@ void SendScoutAction::execute() {
 
 RetrieveDumpAction::RetrieveDumpAction(const std::vector<std::string>& arguments,
                                        const std::string& standardInput)
-    : Action(true), arguments_(arguments), standardInput_(standardInput) {}
+    : Action(StatusFile::kept), arguments_(arguments), standardInput_(standardInput) {}
 
 void RetrieveDumpAction::execute() {
     try {
@@ -291,19 +315,20 @@ void RetrieveDumpAction::retrieve() {
     const std::string command = commandLine(words);
 
     // While the agent works, its dumping status is copied into the session
-    // every 5 seconds.
+    // every 5 seconds. What it prints is logged, not kept.
     getSsh()->setPeriodic(std::chrono::seconds(5), [this] { return refreshDumpingStatus(); });
-    std::ostringstream out, err;
-    int rc;
+    CommandResult dump;
     try {
-        std::istringstream in(standardInput_);
-        rc = execRoot(command, in, out, err, false, false);
+        std::istringstream text(standardInput_);
+        IOStreamReadChannel in(text);
+        BoundedText out(0);
+        dump = run(CommandOptions(agentDir()).asRoot().endingWithRun(), command, in, out);
     } catch (...) {
         getSsh()->clearPeriodic();
         throw;
     }
     getSsh()->clearPeriodic();
-    if (rc != 0) throw VELMO_EXC(CantRetrieveDumpFile) % err.str();
+    if (dump.status != 0) throw VELMO_EXC(CantRetrieveDumpFile) % dump.errors;
 
     takeFile(remoteDump);
     const std::string localDump = theSession->getDumpFileName();
@@ -361,9 +386,7 @@ void RemoveAgentAction::execute() {
             std::string test = "test -e " + sh_quote(dir + "/" + AGENT_DIR_MARKER);
             if (!agent->getEntryPoint().empty()) test += " || test -f " + sh_quote(dir + "/" + agent->getEntryPoint());
             const std::string script = "{ " + test + "; } || exit 3; " + commandLine({"rm", "-rf", "--", dir});
-            std::istringstream none;
-            std::ostringstream out, err;
-            if (run("/", commandLine({"sh", "-c", script}), none, out, err, false, false, true) == 3)
+            if (run(CommandOptions("/").asRoot(), commandLine({"sh", "-c", script})).status == 3)
                 why = "it holds no deployed agent";
         }
         if (!why.empty()) {

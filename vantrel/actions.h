@@ -17,9 +17,51 @@
 
 namespace velmo {
 
+// How a command runs on the source host.
+struct CommandOptions {
+    explicit CommandOptions(std::string dir = std::string()) : dir(std::move(dir)) {}
+    // As root, through sudo when --sudo-password is given.
+    CommandOptions& asRoot() {
+        root = true;
+        return *this;
+    }
+    // Its output, or its input, stays out of the debug log (file content).
+    CommandOptions& quietOutput() {
+        logOutput = false;
+        return *this;
+    }
+    CommandOptions& quietInput() {
+        logInput = false;
+        return *this;
+    }
+    // It ends, with everything it started, when its channel goes away
+    // (remote/watchdog.pl): a command that may wait for ever does not outlive
+    // the run.
+    CommandOptions& endingWithRun() {
+        guarded = true;
+        return *this;
+    }
+
+    std::string dir;  // where it runs; the login's home when empty
+    bool root = false;
+    bool logOutput = true;
+    bool logInput = true;
+    bool guarded = false;
+};
+
+// What a command left behind.
+struct CommandResult {
+    int status = 0;
+    std::string output;  // its standard output, unless the caller took it
+    std::string errors;  // its standard error: the start and the end of it when it said much
+};
+
+// Whether an action keeps the migration status file up to date.
+enum class StatusFile { kept, none };
+
 class Action {
 public:
-    explicit Action(bool withStatus);
+    explicit Action(StatusFile statusFile);
     virtual ~Action();
     Action(const Action&) = delete;
     Action& operator=(const Action&) = delete;
@@ -43,16 +85,17 @@ public:
     // Makes the login the owner of a file root created on the remote host.
     void takeFile(const std::string& remotePath);
 
+    // Runs command in a fresh sh as how says, with in as its standard input
+    // and out taking its standard output. A directory that cannot be entered
+    // ends the line with status 1 before the command runs. As root, a host
+    // without sudo gives Exc<&SudoNotFound>, a refused password
+    // Exc<&SudoNotAllowed>.
+    CommandResult run(const CommandOptions& how, const std::string& command, IOReadChannel& in, IOWriteChannel& out);
+    // The same with input given as text (none by default) and the output
+    // kept in the result, the start and the end of it beyond 64 MiB.
+    CommandResult run(const CommandOptions& how, const std::string& command, const std::string& input = "");
+
 protected:
-    // Runs command in a fresh sh inside dir (the login's home when dir is
-    // empty), as root when asRoot and --sudo-password is given. A directory
-    // that cannot be entered ends the line with status 1 before the command
-    // runs. As root, a host without sudo gives Exc<&SudoNotFound>, a refused
-    // password Exc<&SudoNotAllowed>.
-    int run(const std::string& dir, const std::string& command, IOReadChannel& in, IOWriteChannel& out,
-            IOWriteChannel& err, bool quietOutput, bool quietInput, bool asRoot);
-    int run(const std::string& dir, const std::string& command, std::istream& in, std::ostream& out,
-            std::ostream& err, bool quietOutput, bool quietInput, bool asRoot);
 
     std::unique_ptr<Ssh> ssh;
     const config* cfg;
@@ -65,7 +108,7 @@ private:
 
 class SendScoutAction : public Action {
 public:
-    SendScoutAction() : Action(true) {}
+    SendScoutAction() : Action(StatusFile::kept) {}
     void execute() override;
 };
 
@@ -86,14 +129,14 @@ private:
 
 class GetDumpingStatusAction : public Action {
 public:
-    GetDumpingStatusAction() : Action(true) {}
+    GetDumpingStatusAction() : Action(StatusFile::kept) {}
     void execute() override;
 };
 
 // Removes the session's local copy of the agent's dumping status.
 class RemoveDumpingStatusAction : public Action {
 public:
-    RemoveDumpingStatusAction() : Action(true) {}
+    RemoveDumpingStatusAction() : Action(StatusFile::kept) {}
     void execute() override;
 };
 
@@ -103,7 +146,7 @@ extern const char* const AGENT_DIR_MARKER;
 
 class RemoveAgentAction : public Action {
 public:
-    RemoveAgentAction() : Action(false) {}
+    RemoveAgentAction() : Action(StatusFile::none) {}
     void execute() override;
 };
 

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <regex>
+#include <set>
 #include <sstream>
 #include <vector>
 
@@ -21,6 +23,7 @@
 #include "commons/local_files.h"
 #include "commons/session.h"
 #include "commons/sh_quoting.h"
+#include "vantrel/remote_programs.h"
 #include "vantrel/terminal.h"
 
 namespace velmo {
@@ -36,26 +39,12 @@ int64_t minus(int64_t value, int64_t amount) {
     return static_cast<int64_t>(static_cast<uint64_t>(value) - static_cast<uint64_t>(amount));
 }
 
-// Sends the archives named on its standard input, each request "<offset>
-// <path>" ended by a NUL, one after the other on standard output: "S <size>"
-// when the file is open, then blocks "D <length>" followed by that many
-// bytes, then "E" when the file is through, or "E <error>" when it could not
-// be opened or read. It runs as the login, like the "cat" it stands for.
-const char* const kSender =
-    "binmode STDIN; binmode STDOUT; $/ = \"\\0\"; my @wanted = <STDIN>; for (@wanted) { chop; "
-    "my ($from, $path) = split / /, $_, 2; my $f; "
-    "if (!open($f, '<', $path) || !binmode($f) || ($from && !sysseek($f, $from, 0))) { print \"E $!\\n\"; next; } "
-    "print 'S ', -s $f, \"\\n\"; my ($n, $data); "
-    "print \"D $n\\n\", $data while $n = sysread($f, $data, 1 << 20); "
-    "print defined $n ? \"E\\n\" : \"E $!\\n\"; close $f; }";
-
 // Longest block the sender announces, and longest line of its framing.
 const int64_t kMaxBlock = 16 << 20;
 const std::size_t kMaxHeader = 4096;
 // How often archives that arrived are removed on the source host while the
-// stream goes on, and how much of their names one removal command takes.
+// stream goes on.
 const std::chrono::seconds kRemovalInterval(10);
-const std::size_t kRemovalBatch = 32 * 1024;
 // Status of a command the remote shell cannot find.
 const int kCommandNotFound = 127;
 
@@ -161,7 +150,6 @@ private:
     // the next run when it can be proven then, else removed.
     void abandonArchive(bool keep);
     bool removeArrived();
-    void removeBatch(const std::vector<std::string>& paths);
 
     RetrieveContentAction& action_;
     FileRetrievalProgressUpdater& updater_;
@@ -172,7 +160,7 @@ private:
     std::vector<std::size_t> queue_;
     std::size_t next_ = 0;  // position in queue_ of the archive the sender is on
     std::vector<std::size_t> again_;  // resumed archives that failed their proof
-    std::vector<std::string> arrived_;  // remote paths of proven archives
+    std::vector<std::string> arrived_;  // names of proven archives
     // The archive in hand.
     int fd_ = -1;
     std::size_t current_ = 0;
@@ -273,7 +261,7 @@ bool ContentTransfer::stream() {
     std::string requests;
     for (std::size_t index : queue_) {
         const Item& item = items_[index];
-        requests += decimal(item.from) + " " + item.remote + '\0';
+        requests += decimal(item.from) + " " + item.record->name + '\0';
     }
     raw_ = false;
     started_ = false;
@@ -283,25 +271,23 @@ bool ContentTransfer::stream() {
 
     std::istringstream in(requests);
     IOStreamReadChannel input(in);
-    std::ostringstream err;
-    IOStreamWriteChannel errors(err);
     Ssh* ssh = action_.getSsh();
     ssh->setPeriodic(kRemovalInterval, [this] { return removeArrived(); });
-    int rc;
+    CommandResult sent;
     try {
-        rc = action_.run(action_.agentDir(), commandLine({"perl", "-e", kSender}), input, *this, errors, true,
-                         true, false);
+        sent = action_.run(CommandOptions(action_.agentDir()).quietOutput().quietInput(),
+                           commandLine({"perl", "-e", remote::content_sender}), input, *this);
     } catch (...) {
         ssh->clearPeriodic();
         throw;
     }
     ssh->clearPeriodic();
     if (next_ == queue_.size()) return true;
-    if (!started_ && rc == kCommandNotFound) {
+    if (!started_ && sent.status == kCommandNotFound) {
         contentLog.infoStream() << "No perl on the source host: the archives come one by one";
         return false;
     }
-    failArchive(queue_[next_], rc == 0 ? "the source host ended the transfer early" : err.str());
+    failArchive(queue_[next_], sent.status == 0 ? "the source host ended the transfer early" : sent.errors);
 }
 
 void ContentTransfer::fetchOneByOne() {
@@ -311,15 +297,19 @@ void ContentTransfer::fetchOneByOne() {
         const Item& item = items_[index];
         reach(index);
         openArchive(index);
-        const std::string command = item.from > 0
-                                        ? commandLine({"tail", "-c", "+" + decimal(item.from + 1), item.remote})
-                                        : commandLine({"cat", item.remote});
-        std::ostringstream err;
-        IOStreamWriteChannel errors(err);
+        // The shell's own check that the name leads to a file of the agent
+        // directory, not through a link out of it.
+        const std::string script =
+            "d=$(cd -P -- \"$(dirname -- \"$2\")\" && pwd -P) && [ ! -L \"$2\" ] && "
+            "case \"$d/\" in \"$(pwd -P)\"/*) ;; *) false ;; esac || "
+            "{ echo \"$2: it leads outside the agent directory\" >&2; exit 1; }; exec tail -c \"+$1\" -- \"$2\"";
         std::istringstream none;
         IOStreamReadChannel input(none);
-        if (action_.getSsh()->exec(command, input, *this, errors, true, true, Ssh::null_counter) != 0)
-            failArchive(index, err.str());
+        const CommandResult sent = action_.run(CommandOptions(action_.agentDir()).quietOutput().quietInput(),
+                                               commandLine({"sh", "-c", script, "sh", decimal(item.from + 1),
+                                                            item.record->name}),
+                                               input, *this);
+        if (sent.status != 0) failArchive(index, sent.errors);
         closeArchive();
     }
 }
@@ -452,7 +442,7 @@ void ContentTransfer::closeArchive() {
         item.dir.remove(part(item));
         throw VELMO_EXC(CantRetrieveContentFile) % item.remote % action_.cfg->host % item.local % why;
     }
-    arrived_.push_back(item.remote);
+    arrived_.push_back(item.record->name);
     finish(current_);
 }
 
@@ -470,44 +460,38 @@ void ContentTransfer::abandonArchive(bool keep) {
     if (!keep || item.record->md5sum.empty() || !md5_) item.dir.remove(part(item));
 }
 
+// Removes the archives that arrived whole on the source host, as root, in one
+// command that follows no link out of the agent directory
+// (remote/archive-remover.pl). Removal is best effort: each failure goes to
+// the debug log, nothing stops the run.
 bool ContentTransfer::removeArrived() {
-    std::vector<std::string> batch;
-    std::size_t length = 0;
-    for (const std::string& path : arrived_) {
-        if (!batch.empty() && length + path.size() > kRemovalBatch) {
-            removeBatch(batch);
-            batch.clear();
-            length = 0;
-        }
-        batch.push_back(path);
-        length += path.size();
-    }
-    if (!batch.empty()) removeBatch(batch);
-    arrived_.clear();
-    return true;
-}
-
-// Removes archives that arrived whole, as root, in one command. Removal is
-// best effort: each failure goes to the debug log, nothing stops the run.
-void ContentTransfer::removeBatch(const std::vector<std::string>& paths) {
-    std::string loop = "for f in";
-    for (const std::string& path : paths) loop += " " + sh_quote(path);
-    loop += "; do e=$(rm -- \"$f\" 2>&1) || printf '%s\\0%s\\0' \"$f\" \"$e\"; done";
+    if (arrived_.empty()) return true;
+    std::string names;
+    for (const std::string& name : arrived_) names += name + '\0';
     const std::string& host = action_.cfg->host;
     try {
-        std::ostringstream out, err;
-        const int rc = action_.execRoot(commandLine({"sh", "-c", loop}), out, err, false);
-        std::istringstream failures(out.str());
-        std::string path, error;
-        while (std::getline(failures, path, '\0') && std::getline(failures, error, '\0'))
-            debugLog(VELMO_EXC(UnableToRemoveRemoteFile) % path % host % error);
-        if (rc != 0) debugLog(VELMO_EXC(UnableToRemoveRemoteFile) % paths.front() % host % err.str());
+        const CommandResult removed = action_.run(CommandOptions(action_.agentDir()).asRoot().quietInput(),
+                                                  commandLine({"perl", "-e", remote::archive_remover}), names);
+        if (removed.status == kCommandNotFound) {
+            contentLog.warnStream() << "No perl on the source host: the archives that arrived stay there until the "
+                                       "agent is removed";
+        } else {
+            std::istringstream failures(removed.output);
+            std::string name, error;
+            while (std::getline(failures, name, '\0') && std::getline(failures, error, '\0'))
+                debugLog(VELMO_EXC(UnableToRemoveRemoteFile) % (action_.agentDir() + "/" + name) % host % error);
+            if (removed.status != 0)
+                debugLog(VELMO_EXC(UnableToRemoveRemoteFile) % (action_.agentDir() + "/" + arrived_.front()) % host %
+                         removed.errors);
+        }
     } catch (const ExTraceable& e) {
         debugLog(e);
     } catch (const std::exception& e) {
-        debugLog((boost::format("Unable to remove remote file '%1%' from '%2%': %3%") % paths.front() % host % e.what())
-                     .str());
+        debugLog((boost::format("Unable to remove remote file '%1%' from '%2%': %3%") % arrived_.front() % host %
+                  e.what()).str());
     }
+    arrived_.clear();
+    return true;
 }
 
 // ------------------------------------------------------------- action
@@ -523,6 +507,57 @@ void checkContentFileName(const std::string& name) {
         start = end + 1;
     }
     if (unsafe || name.find('\0') != std::string::npos) throw VELMO_EXC(UnsafeContentFileName) % name;
+}
+
+namespace {
+
+// The name's components without empty ones and "." ("a//./b" is "a/b").
+std::string normalName(const std::string& name) {
+    std::string normal;
+    std::string::size_type start = 0;
+    while (start <= name.size()) {
+        std::string::size_type end = name.find('/', start);
+        if (end == std::string::npos) end = name.size();
+        const std::string part = name.substr(start, end - start);
+        if (!part.empty() && part != ".") normal += (normal.empty() ? "" : "/") + part;
+        start = end + 1;
+    }
+    return normal;
+}
+
+// Names of the session directory's own files, with the forms they take
+// while they are written (six random characters) or moved aside (".N").
+bool isSessionFileName(const std::string& name) {
+    static const std::regex own(
+        "(migration\\.(status|result|log)|transfer\\.result|scout-result\\.xml|agent-deployment\\.status|"
+        "dump\\.xml|dump-name|migration-result-name|dumping-status\\.xml|host-key|archives)"
+        "([A-Za-z0-9]{6}|\\.[0-9]+|\\.busy-[0-9]+)?");
+    return std::regex_match(name, own);
+}
+
+}  // namespace
+
+void checkContentNamesApart(const std::vector<DumpFile>& records, const Directory& contentDir,
+                            const Directory& sessionDir) {
+    std::set<std::string> files, directories, colliding;
+    for (const DumpFile& record : records) {
+        const std::string name = normalName(record.name);
+        const Directory holder = contentDir.existingBelow(getPath(name));
+        if (holder.isOpen() && holder.sameAs(sessionDir) && isSessionFileName(getFileNameFromPath(name)))
+            colliding.insert(record.name);
+        if (!files.insert(name).second || directories.count(name)) colliding.insert(record.name);
+        for (std::string::size_type at = name.find('/'); at != std::string::npos; at = name.find('/', at + 1)) {
+            directories.insert(name.substr(0, at));
+            if (files.count(name.substr(0, at))) colliding.insert(record.name);
+        }
+    }
+    // A name that another one's partial download would take.
+    for (const std::string& name : files)
+        if (files.count(name + ".part")) colliding.insert(name + ".part");
+    if (colliding.empty()) return;
+    std::string list;
+    for (const std::string& name : colliding) list += (list.empty() ? "'" : ", '") + name + "'";
+    throw VELMO_EXC(ContentNamesCollide) % list;
 }
 
 bool RetrieveContentAction::checkMD5(const DumpFile& file) {
@@ -552,13 +587,12 @@ void RetrieveContentAction::retrieve() {
     status->saveFile();
 
     boost::shared_ptr<Agent> agent = theAgentsFactory().getAgent(cfg->agentName);
-    const std::string command =
-        commandLine({agent->getEffectiveInterpreter(), agentDir() + "/" + agent->getEntryPoint(), "--get-content-list"});
-    std::ostringstream out, err;
-    int rc = execRoot(command, out, err, false);
-    if (rc != 0) throw VELMO_EXC(CantRetrieveContentList) % err.str();
+    const CommandResult listed = run(
+        CommandOptions(agentDir()).asRoot().endingWithRun(),
+        commandLine({agent->getEffectiveInterpreter(), agentDir() + "/" + agent->getEntryPoint(), "--get-content-list"}));
+    if (listed.status != 0) throw VELMO_EXC(CantRetrieveContentList) % listed.errors;
 
-    std::unique_ptr<AgentFileList> list = getFileList(out.str());
+    std::unique_ptr<AgentFileList> list = getFileList(listed.output);
     const std::vector<DumpFile>& records = list->getFileList();
     const uint64_t total = list->getTotalSize();
     // Every name is checked before anything is written.
@@ -574,6 +608,7 @@ void RetrieveContentAction::retrieve() {
     // Made where missing, as kvaadm's; a link that another account placed on
     // the way is not followed.
     contentDir_ = cfg->dumpsDir.empty() ? theSession->directory() : Directory::make(cfg->dumpsDir, uid, gid, 0755);
+    checkContentNamesApart(records, contentDir_, theSession->directory());
     status->setTransferTotals(decimal(static_cast<int64_t>(records.size())), boost::lexical_cast<std::string>(total));
 
     FileRetrievalProgressUpdater updater(*status, static_cast<int64_t>(total), static_cast<int32_t>(records.size()));

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <string>
 
+#include "commons/local_files.h"
 #include "vantrel/actions.h"
 
 namespace velmo {
@@ -33,7 +34,7 @@ private:
 
 class RetrieveContentAction : public Action {
 public:
-    RetrieveContentAction() : Action(true) {}
+    RetrieveContentAction() : Action(StatusFile::kept) {}
     void execute() override;
     // True when the archive is here already with the listed MD5 sum: in the
     // session directory under the last component of its name, or at its
@@ -49,6 +50,11 @@ private:
 
 // Refuses a content name that would leave the content directory.
 void checkContentFileName(const std::string& name);
+// Refuses, with Exc<&ContentNamesCollide> naming them, content names that
+// would land on a file of the session, on another archive's partial
+// download, on each other, or on each other's directories.
+void checkContentNamesApart(const std::vector<DumpFile>& records, const Directory& contentDir,
+                            const Directory& sessionDir);
 
 }  // namespace velmo
 

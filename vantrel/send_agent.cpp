@@ -15,6 +15,7 @@
 #include "commons/exceptions.h"
 #include "commons/session.h"
 #include "commons/sh_quoting.h"
+#include "vantrel/remote_programs.h"
 #include "vantrel/terminal.h"
 
 namespace fs = boost::filesystem;
@@ -78,22 +79,6 @@ bool SendAgentAction::sendFile(const fs::path& localRoot, const fs::path& localP
 }
 
 namespace {
-
-// Writes the files that arrive on standard input, each as "<size>
-// <length of name>", a line feed, the name and the bytes, with the rights of
-// the login and its default modes, as "cat >" would. A file that cannot be
-// written is reported on standard output as "<its number> <error>"; the rest
-// of the input is read all the same, and the status is 1.
-const char* const kUnpacker =
-    "binmode STDIN; my ($i, $failed, $buf) = (0, 0); "
-    "while (defined(my $head = <STDIN>)) { my ($size, $length) = split / /, $head; "
-    "read(STDIN, my $name, $length) == $length or die \"input cut short\\n\"; my ($f, $err); "
-    "if (!$failed) { if (open($f, '>', $name)) { binmode $f } else { $err = \"$!\" } } "
-    "while ($size > 0) { my $n = read(STDIN, $buf, $size < 1048576 ? $size : 1048576); "
-    "die \"input cut short\\n\" unless $n; $size -= $n; "
-    "if (!$failed && !defined $err) { print $f $buf or $err = \"$!\" } } "
-    "if (!$failed && !defined $err && !close($f)) { $err = \"$!\" } "
-    "if (!$failed && defined $err) { print \"$i $err\\n\"; $failed = 1 } $i++ } exit $failed;";
 
 // Status of a command the remote shell cannot find.
 const int kCommandNotFound = 127;
@@ -166,33 +151,32 @@ void SendAgentAction::createDirectories() {
             words.push_back(directories_[done]);
             length += directories_[done].size();
         }
-        std::istringstream none;
-        std::ostringstream out, err;
-        if (run("/", commandLine(words), none, out, err, false, false, true) != 0)
-            throw VELMO_EXC(CantCreateAgentDirectory) % (out.str().empty() ? words[6] : out.str()) % err.str();
+        const CommandResult made = run(CommandOptions("/").asRoot(), commandLine(words));
+        if (made.status != 0)
+            throw VELMO_EXC(CantCreateAgentDirectory) % (made.output.empty() ? words[6] : made.output) % made.errors;
     }
     directories_.clear();
 }
 
 void SendAgentAction::copyFiles() {
     TreePacker packer(files_);
-    std::ostringstream out, err;
-    IOStreamWriteChannel output(out);
-    IOStreamWriteChannel errors(err);
-    const int rc = run(agentDir(), commandLine({"perl", "-e", kUnpacker}), packer, output, errors, false, true, false);
-    if (rc == kCommandNotFound && out.str().empty()) {
+    BoundedText output;
+    const CommandResult unpacked =
+        run(CommandOptions(agentDir()).quietInput(), commandLine({"perl", "-e", remote::agent_unpacker}), packer, output);
+    const std::string out = output.str();
+    if (unpacked.status == kCommandNotFound && out.empty()) {
         sendLog.info("No perl on the source host: the files go one by one");
         for (const auto& f : files_) {
             sendLog.info("remote <copy " + f.second + " (from " + f.first + ")");
             getSsh()->put(f.first, f.second);
         }
-    } else if (rc != 0) {
-        std::istringstream report(out.str());
+    } else if (unpacked.status != 0) {
+        std::istringstream report(out);
         std::size_t index = files_.size();
         std::string error;
         if (report >> index) std::getline(report >> std::ws, error);
         if (index < files_.size()) throw VELMO_EXC(CantWriteRemoteFile) % files_[index].second % error;
-        throw VELMO_EXC(CantWriteRemoteFile) % agentDir() % err.str();
+        throw VELMO_EXC(CantWriteRemoteFile) % agentDir() % unpacked.errors;
     }
     files_.clear();
 }
@@ -232,18 +216,16 @@ void SendAgentAction::execute() {
     NewFileWriter output(statusFile);
     std::istringstream none;
     IOStreamReadChannel input(none);
-    std::ostringstream err;
-    IOStreamWriteChannel errors(err);
-    int rc;
+    CommandResult answer;
     try {
-        rc = run(agentDir(), commandLine({agent->getEffectiveInterpreter(), entry, "--get-status"}), input, output,
-                 errors, false, false, true);
+        answer = run(CommandOptions(agentDir()).asRoot().endingWithRun(),
+                     commandLine({agent->getEffectiveInterpreter(), entry, "--get-status"}), input, output);
     } catch (...) {
         statusFile.commitQuietly();
         throw;
     }
     statusFile.commit();
-    if (rc != 0) throw VELMO_EXC(CantRequestAgentStatus) % entry % err.str();
+    if (answer.status != 0) throw VELMO_EXC(CantRequestAgentStatus) % entry % answer.errors;
 }
 
 }  // namespace velmo

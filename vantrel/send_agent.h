@@ -27,7 +27,7 @@ void recursive_dir_walk_internal(const boost::filesystem::path& entryPath,
 
 class SendAgentAction : public Action {
 public:
-    SendAgentAction() : Action(true) {}
+    SendAgentAction() : Action(StatusFile::kept) {}
     void execute() override;
     // Takes one item of a walk into the deployment: a directory to create (a
     // top-level control directory is left out, and not descended into), or a

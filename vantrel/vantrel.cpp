@@ -2,6 +2,8 @@
 
 #include <iostream>
 
+#include <unistd.h>
+
 #include "commons/commons.h"
 #include "commons/exceptions.h"
 #include "commons/log.h"
@@ -41,6 +43,20 @@ void readListFromStandardInput(config& cfg) {
 }
 
 }  // namespace
+
+// Another run holds the session: this one says so under a result name of its
+// own, where it overwrites nothing, and touches nothing else.
+static int refuseBusySession(const config& cfg) {
+    const std::string result = getLogName(cfg).empty() ? session_names::RESULT : getLogName(cfg);
+    const std::string name = result + ".busy-" + std::to_string(::getpid());
+    const auto refusal = VELMO_EXC(SessionBusy) % cfg.sessionPath % theSession->directory().pathOf(name);
+    {
+        XmlLog document(name);
+        document.log(refusal);
+    }
+    std::cerr << refusal.what() << "\n";
+    return 1;
+}
 
 std::string getLogName(const config& cfg) {
     return cfg.action == ACTION_GET_CONTENT ? "transfer.result" : std::string();
@@ -166,6 +182,7 @@ int real_main(int argc, char** argv) {
     }
 
     SessionLifetimeController session(cfg.sessionPath);
+    if (theSession->busy()) return refuseBusySession(cfg);
     DebugLogLifetimeController debugLog(cfg.verbose);
     StartStopLogger startStop("Vantrel", argc, argv);
     try {

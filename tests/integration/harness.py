@@ -29,8 +29,10 @@ MIB = 1 << 20
 
 # The test agent: records the command line and environment of itself and of
 # each ancestor below sshd; answers --get-status with who and where it runs
-# (unless a file fail-status lies beside it); prints list.xml, if there is
-# one, for --get-content-list; hands anything else to the sample agent.
+# (unless a file fail-status lies beside it); for --get-content-list it waits
+# for good when a file hang lies beside it, fails with 50 MiB on standard
+# error when a file loud does, and prints list.xml, if there is one; hands
+# anything else to the sample agent.
 PROBE = r"""#!/usr/bin/perl
 use strict; use Cwd; use FindBin;
 (my $tag = $ARGV[0] // '') =~ s/\W//g;
@@ -45,6 +47,10 @@ chdir $FindBin::Bin;
 if ("@ARGV" eq '--get-status') {
     if (open my $f, '<', 'fail-status') { print STDERR <$f>; exit 3 }
     print '<agentstatus><uid>', $<, '</uid><cwd>', getcwd(), "</cwd></agentstatus>\n";
+} elsif ("@ARGV" eq '--get-content-list' && (-e 'hang' || -e 'loud')) {
+    sleep 3600 if -e 'hang';
+    print STDERR 'loud ' x 209716 for 1 .. 50;
+    exit 1;
 } elsif ("@ARGV" eq '--get-content-list' && open my $f, '<:raw', 'list.xml') {
     binmode STDOUT; print <$f>;
 } else {
@@ -122,31 +128,44 @@ class Session:
 
 
 class Run:
-    """The binary, started in the background; finish() waits for it."""
+    """The binary, started in the background; finish() waits for it and
+    leaves its exit code, output and peak memory (peak_kib)."""
 
     def __init__(self, argv, env, stdin, session, tty=False):
         self.argv, self.session, self.tty = argv, session, None
         if tty:   # standard error on a terminal
             self.tty, slave = pty.openpty()
+        self.files = [tempfile.TemporaryFile() for _ in range(2)]
         with tempfile.TemporaryFile() as f:
             f.write(stdin)
             f.seek(0)
             # A hardened umask: what the binary hands to kvaadm must not depend on ours.
-            self.proc = subprocess.Popen(argv, env=env, stdin=f, stdout=subprocess.PIPE,
-                                         stderr=slave if tty else subprocess.PIPE, umask=0o027)
+            self.proc = subprocess.Popen(argv, env=env, stdin=f, stdout=self.files[0],
+                                         stderr=slave if tty else self.files[1], umask=0o027)
         if tty:
             os.close(slave)
         self.pid = self.proc.pid
 
+    def running(self):
+        """Whether it runs yet; it is not reaped here."""
+        return os.waitid(os.P_PID, self.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT) is None
+
     def finish(self, timeout=300):
-        try:
-            self.out, self.err = self.proc.communicate(timeout=timeout)
-            with contextlib.suppress(OSError):   # EIO once the program has closed the terminal
-                while self.tty is not None and (chunk := os.read(self.tty, 65536)):
-                    self.err = (self.err or b"") + chunk
-        finally:
-            self.proc.kill()
-        self.code = self.proc.wait()
+        deadline = time.monotonic() + timeout
+        while not (done := os.wait4(self.pid, os.WNOHANG))[0]:
+            if time.monotonic() > deadline:
+                self.proc.kill()
+                os.wait4(self.pid, 0)
+                raise subprocess.TimeoutExpired(self.argv, timeout)
+            time.sleep(0.01)
+        self.proc.returncode = self.code = os.waitstatus_to_exitcode(done[1])
+        self.peak_kib = done[2].ru_maxrss
+        self.out, self.err = (f.seek(0) or f.read() for f in self.files)
+        for f in self.files:
+            f.close()
+        with contextlib.suppress(OSError):   # EIO once the program has closed the terminal
+            while self.tty is not None and (chunk := os.read(self.tty, 65536)):
+                self.err += chunk
         return self
 
     def __str__(self):
@@ -300,15 +319,15 @@ class Case(unittest.TestCase):
         return (msg.find("message") if inner else msg).findtext("description")
 
     def final_status(self, run, timeout=300):
-        """(The migration status after the last archive, the finished run), and
-        the run's peak memory by then in run.peak_kib. That status stands while
-        the archives that arrived are removed on the source host."""
+        """(The migration status after the last archive, the finished run). That
+        status stands while the archives that arrived are removed on the source
+        host."""
         deadline, status = time.monotonic() + timeout, None
-        while time.monotonic() < deadline and run.proc.poll() is None:
+        while time.monotonic() < deadline and run.running():
             with contextlib.suppress(OSError, ET.ParseError):
                 seen = run.session.xml("migration.status")
                 if seen.find("transfer/files[@left='0']") is not None:
-                    status, run.peak_kib = seen, peak_rss_kib(run.pid)
+                    status = seen
             time.sleep(0.005)
         if status is None:
             raise AssertionError("the run did not show its last status: %s" % run.finish(1))

@@ -82,7 +82,7 @@ class SampleContentTest(ContentCase):
         run = self.get_content(self.agent_dir, agent="sample", session=s,
                                env={"ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=0"})
         poll = h.Poller(s.file("migration.status"))
-        while run.proc.poll() is None and not any(b"<current-file" in d for _, d in poll.seen):
+        while run.running() and not any(b"<current-file" in d for _, d in poll.seen):
             time.sleep(0.02)
         start = h.peak_rss_kib(run.pid)
         status, r = self.final_status(run)

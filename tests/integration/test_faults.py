@@ -4,6 +4,7 @@ be passed off as whole: no file under an archive's name unless it holds it."""
 import os
 import re
 import signal
+import subprocess
 import tempfile
 import time
 
@@ -55,7 +56,7 @@ class ContentFaultTest(FaultCase):
 
         def stop_at(share, sig):
             run = self.get_content(agent_dir, session=s)
-            while run.proc.poll() is None and (not s.exists("big.part")
+            while run.running() and (not s.exists("big.part")
                                                or os.path.getsize(s.file("big.part")) < share * len(big[1])):
                 time.sleep(0.01)
             run.proc.send_signal(sig)
@@ -181,6 +182,86 @@ class ContentFaultTest(FaultCase):
         self.assertEqual(big[1], h.read(os.path.join(agent_dir, "big")))
 
 
+class GuardTest(FaultCase):
+    """One run per session, and a source host that cannot hold or flood a run."""
+
+    def remote_processes(self, agent_dir):
+        """Processes of the source host that run in or for agent_dir, waited for a few seconds to end."""
+        for _ in range(50):
+            found = subprocess.run(["pgrep", "-f", agent_dir], capture_output=True, text=True).stdout.split()
+            if not found:
+                break
+            time.sleep(0.2)
+        return found
+
+    def test_busy_session_and_a_silent_agent(self):
+        agent_dir = self.lay_out([h.archive("a")])
+        h.write(os.path.join(agent_dir, "hang"), "")
+        s = self.session()
+        for sig in (signal.SIGTERM, signal.SIGKILL):
+            first = self.get_content(agent_dir, session=s)
+            while first.running() and not [n for n in os.listdir(agent_dir) if n.startswith("rec.")]:
+                time.sleep(0.05)
+            if sig == signal.SIGTERM:
+                # A second run on the held session stops at once and writes only its own refusal.
+                names = s.names()
+                second = self.get_content(agent_dir, session=s).finish(30)
+                self.assertEqual(1, second.code, second)
+                self.assertIn(b"is in use by another run", second.err)
+                busy = "transfer.result.busy-%d" % second.pid
+                self.assertEqual(sorted(names + [busy]), s.names())
+                self.assertEqual("SessionBusy", s.xml(busy).find("message").get("code"))
+                self.assertEqual(1, s.log().count("Vantrel started"))
+            # Stopped while the agent says nothing: the run ends at once, and so does the agent.
+            started = time.monotonic()
+            first.proc.send_signal(sig)
+            r = first.finish(60)
+            self.assertLess(time.monotonic() - started, 10, r)
+            if sig == signal.SIGTERM:
+                self.assertEqual((0, b"Migration has been terminated"), (r.code, r.out), r)
+            self.assertEqual([], self.remote_processes(agent_dir))
+            for n in os.listdir(agent_dir):
+                if n.startswith("rec."):
+                    os.unlink(os.path.join(agent_dir, n))
+
+    def test_loud_agent_is_kept_within_bounds(self):
+        agent_dir = self.lay_out([h.archive("a")])
+        # Without its quarantine ASan reuses freed memory as a plain build does.
+        env = {"ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=0"}
+        quiet = self.get_content(agent_dir, env=env).finish()
+        h.write(os.path.join(agent_dir, "loud"), "")
+        r = self.get_content(agent_dir, env=env).finish()
+        self.assertIn("bytes left out", self.content_failure(r, "CantRetrieveContentList"))
+        self.assertLess(r.peak_kib - quiet.peak_kib, 32 * 1024, (quiet.peak_kib, r.peak_kib))
+        for name in ("transfer.result", "migration.log"):
+            self.assertLess(os.path.getsize(r.session.file(name)), 1 << 20, name)
+
+    def test_names_that_would_collide_are_refused_before_anything_moves(self):
+        for names in (["migration.status"], ["transfer.result", "dump-name"], ["migration-result-name"],
+                      ["migration.log", "host-key"], ["content/k.tgz.part", "content/k.tgz"], ["x", "x"],
+                      ["d", "d/e"]):
+            with self.subTest(names=names):
+                archives = [h.archive("first")] + [h.archive(n) for n in names]
+                agent_dir = self.lay_out(archives, present=lambda n: n != "x" and n != "d")
+                r = self.get_content(agent_dir).finish()
+                text = self.content_failure(r, "ContentNamesCollide")
+                self.assertTrue(any("'%s'" % n in text for n in names), text)
+                self.assertAbsent(r.session.path, "first")
+                self.assertTrue(os.path.exists(os.path.join(agent_dir, "first")))
+
+    def test_nothing_is_fetched_through_a_link_out_of_the_agent_directory(self):
+        outside = tempfile.mkdtemp(dir=self.tmp)
+        os.chmod(outside, 0o755)
+        h.write(os.path.join(outside, "outside-2"), "root's own\n")
+        agent_dir = self.lay_out([h.archive("content/dirlink/outside-2")], present=lambda n: False)
+        os.makedirs(os.path.join(agent_dir, "content"))
+        os.symlink(outside, os.path.join(agent_dir, "content", "dirlink"))
+        r = self.get_content(agent_dir).finish()
+        self.assertIn("leads outside the agent directory", self.content_failure(r, "CantRetrieveContentFile"))
+        self.assertEqual(b"root's own\n", h.read(os.path.join(outside, "outside-2")))
+        self.assertAbsent(r.session.file("content/dirlink"), "outside-2")
+
+
 class LoginFaultTest(FaultCase):
 
     def scout(self, server, **env):
@@ -209,6 +290,11 @@ class LoginFaultTest(FaultCase):
             self.assertTrue(28 < time.monotonic() - started < 45)
         for p in peers:
             p.stop()
+
+    def test_connection_lost_during_the_key_exchange_is_a_connection_failure(self):
+        with h.ScriptedServer("fail-handshake") as peer:
+            r = self.run_vantrel("--deploy-agent", port=peer.port, agent_dir=self.remote_dir(), sudo=h.PASSWORD)
+        self.assertIn("lost during the SSH handshake", self.failed(r, 15, "ConnectionFault"))
 
     def test_keyboard_interactive_and_compatibility_retry(self):
         with h.SshServer("kbdint") as kbdint:

@@ -111,5 +111,31 @@ class SampleAgentTest(unittest.TestCase):
                          [(p.get("name"), p.get("present")) for p in root.iter("program")])
 
 
+class RemoteProgramTest(unittest.TestCase):
+    """The programs vantrel sends to the source host (vantrel/remote), run here."""
+    PROGRAMS = os.path.join(h.SOURCE, "vantrel", "remote")
+
+    def test_programs_compile_without_warnings(self):
+        for name in sorted(os.listdir(self.PROGRAMS)):
+            if name.endswith(".pl"):
+                r = subprocess.run(["perl", "-c", "-w", os.path.join(self.PROGRAMS, name)], capture_output=True)
+                self.assertEqual((0, b"%s syntax OK\n" % name.encode()), (r.returncode, os.path.basename(r.stderr)))
+
+    def test_remover_follows_no_link_out_of_the_agent_directory(self):
+        top = tempfile.mkdtemp(prefix="vantrel-remover.")
+        self.addCleanup(shutil.rmtree, top)
+        for name in ("agent/sub/a", "agent/b", "outside/c", "outside/sub/a"):
+            h.write(os.path.join(top, name), name)
+        os.symlink("../outside", os.path.join(top, "agent", "link"))
+        names = ["sub/a", "link/c", "link/sub/a", "../outside/c", "b", "missing"]
+        r = subprocess.run(["perl", os.path.join(self.PROGRAMS, "archive-remover.pl")], cwd=top + "/agent",
+                           input=b"".join(n.encode() + b"\0" for n in names), capture_output=True)
+        self.assertEqual((0, b""), (r.returncode, r.stderr))
+        self.assertEqual(["link/c", "link/sub/a", "../outside/c", "missing"],
+                         [n.decode() for n in r.stdout.split(b"\0")[:-1:2]])
+        self.assertEqual({"outside/c", "outside/sub/a"},
+                         {os.path.relpath(os.path.join(d, n), top) for d, _, files in os.walk(top) for n in files})
+
+
 if __name__ == "__main__":
     unittest.main()

@@ -25,7 +25,7 @@ class SecretsTest(h.Case):
         self.configure(agent_dir, delay=8)
         # The rsync transport hands the login password to the agent.
         run = self.start("--dump-all", "--content-transport=rsync", session=s, agent_dir=agent_dir, sudo=h.PASSWORD)
-        while run.proc.poll() is None and not any("rsync" in n for n in os.listdir(agent_dir)):
+        while run.running() and not any("rsync" in n for n in os.listdir(agent_dir)):
             time.sleep(0.1)
         time.sleep(1)
         found = self.leaks("environ", h.read("/proc/%d/environ" % run.pid))

@@ -182,7 +182,7 @@ class ScriptedServer:
     on demand. Modes: "silent" never sends a byte; "stall-auth" never answers
     authentication; "kbdint-3-prompts" asks for the password three times in one
     keyboard-interactive request; "fail-first-handshake" drops connection 1 after
-    the client's banner; "cut" ends the TCP connection (a FIN, nothing else) once
+    the client's banner, "fail-handshake" every connection; "cut" ends the TCP connection (a FIN, nothing else) once
     cut_after bytes of a command's output went out. It logs the test accounts in
     by password and runs commands through their login shells, as them. events
     lists "CONNECT n", "AUTH n ok|failed", "EXEC n <command>", "CUT n"."""
@@ -204,7 +204,7 @@ class ScriptedServer:
                 sock = self.listener.accept()[0]
                 self.events.append("CONNECT %d" % n)
                 self.held.append(sock)
-                if self.mode == "fail-first-handshake" and n == 1:
+                if self.mode == "fail-handshake" or self.mode == "fail-first-handshake" and n == 1:
                     sock.recv(256)
                     sock.close()
                 elif self.mode != "silent":
