@@ -361,6 +361,16 @@ void RemoveDumpingStatusAction::execute() {
 const char* const AGENT_DIR_MARKER = ".vantrel-agent";
 
 namespace {
+// The entry point of the agent name in the local catalogue; empty when the
+// catalogue does not know it.
+std::string knownEntryPoint(const std::string& name) {
+    try {
+        return theAgentsFactory().getAgent(name)->getEntryPoint();
+    } catch (const Exc<&AgentNotFound>&) {
+        return std::string();
+    }
+}
+
 // Why dir must not be removed whatever it holds, or an empty text.
 std::string neverRemoved(const std::string& dir) {
     if (dir.find_first_not_of("/.") == std::string::npos) return "it names the root directory";
@@ -379,12 +389,13 @@ void RemoveAgentAction::execute() {
         if (why.empty()) why = neverRemoved(agentDir());
         if (why.empty()) {
             // Ours is a directory that holds the deployment's marker, or
-            // (deployed before markers) the agent's entry point. The test and
-            // the removal go in one exchange.
-            boost::shared_ptr<Agent> agent = theAgentsFactory().getAgent(cfg->agentName);
+            // (deployed before markers) the agent's entry point, when the
+            // agent is still known here. The test and the removal go in one
+            // exchange.
             const std::string dir = agentDir();
             std::string test = "test -e " + sh_quote(dir + "/" + AGENT_DIR_MARKER);
-            if (!agent->getEntryPoint().empty()) test += " || test -f " + sh_quote(dir + "/" + agent->getEntryPoint());
+            const std::string entry = knownEntryPoint(cfg->agentName);
+            if (!entry.empty()) test += " || test -f " + sh_quote(dir + "/" + entry);
             const std::string script = "{ " + test + "; } || exit 3; " + commandLine({"rm", "-rf", "--", dir});
             if (run(CommandOptions("/").asRoot(), commandLine({"sh", "-c", script})).status == 3)
                 why = "it holds no deployed agent";

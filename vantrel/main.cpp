@@ -28,6 +28,11 @@ void handleStopRequests() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // A controlling process may start us with signals blocked: a stop
+    // request must get through whatever it inherited.
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
     handleStopRequests();
     try {
         return velmo::real_main(argc, argv);

@@ -1,5 +1,7 @@
 #include "vantrel/retrieve_content.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -70,6 +72,12 @@ std::string md5OfFile(const Directory& dir, const std::string& name) {
         if (n == 0) return sum.hex();
         sum.update(buffer.data(), static_cast<std::size_t>(n));
     }
+}
+
+// Whether two hexadecimal sums are one, whatever the case of their digits.
+bool sameSum(const std::string& a, const std::string& b) {
+    return a.size() == b.size() &&
+           std::equal(a.begin(), a.end(), b.begin(), [](unsigned char x, unsigned char y) { return std::tolower(x) == std::tolower(y); });
 }
 
 }  // namespace
@@ -424,7 +432,7 @@ void ContentTransfer::closeArchive() {
         throw VELMO_EXC(StreamWrite);
     }
     const std::string sum = md5_->hex();
-    const bool whole = received_ == item.record->size && (item.record->md5sum.empty() || sum == item.record->md5sum);
+    const bool whole = received_ == item.record->size && (item.record->md5sum.empty() || sameSum(sum, item.record->md5sum));
     if (!whole) {
         item.dir.remove(part(item));
         if (item.from > 0) {

@@ -230,9 +230,12 @@ class Case(unittest.TestCase):
 
     @classmethod
     def start(cls, action, *extra, session=None, login=USER, password=PASSWORD, sudo=None, host=HOST,
-              port=None, agent_dir=None, agent="probe", stdin=b"", env={}, tty=False):
-        """Starts the binary; sudo is the sudo password, given means --sudo-password."""
-        argv = [BIN, action, "--host=" + host, "--port=%d" % (port or cls.port), "--login=" + login]
+              port=None, agent_dir=None, agent="probe", stdin=b"", env={}, tty=False, blocked=False):
+        """Starts the binary; sudo is the sudo password, given means --sudo-password; blocked starts it
+        with SIGTERM and SIGINT blocked."""
+        argv = [sys.executable, "-c", "import os, signal, sys; signal.pthread_sigmask(signal.SIG_BLOCK, "
+                "[signal.SIGTERM, signal.SIGINT]); os.execv(sys.argv[1], sys.argv[1:])"] if blocked else []
+        argv += [BIN, action, "--host=" + host, "--port=%d" % (port or cls.port), "--login=" + login]
         argv += ["--sudo-password"] if sudo is not None else []
         argv += ["--agent-dir=" + agent_dir, "--agent-name=" + agent] if agent_dir else []
         session = session or cls.session()

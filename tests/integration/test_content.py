@@ -118,7 +118,8 @@ class ListedContentTest(ContentCase):
         self.assertFalse(any(os.path.exists(os.path.join(agent_dir, n)) for n in "de"))
 
     def test_failing_remote_rm_is_logged_and_the_next_archive_comes(self):
-        archives = [h.archive(n) for n in ("a", "locked/b", "c")]
+        # The list may give a sum in upper-case hexadecimal.
+        archives = [h.archive(n) for n in ("a", "locked/b")] + [(n, d, m.upper()) for n, d, m in [h.archive("c")]]
         agent_dir = self.lay_out(archives)
         os.chown(os.path.join(agent_dir, "locked"), 0, 0)
         r = self.get_content(agent_dir, sudo=None).finish()
@@ -152,10 +153,11 @@ class ListedContentTest(ContentCase):
         self.assertTrue(os.path.exists(os.path.join(agent_dir, "a")))
         self.assertEqual([], remove(agent_dir, sudo=h.PASSWORD))
         self.assertFalse(os.path.exists(agent_dir))
-        # A deployment cut before the agent's files came holds the marker only: it is ours.
+        # A deployment cut before the agent's files came holds the marker only: it is ours, even for
+        # an agent this host does not know.
         cut = self.remote_dir(create=True)
         h.write(os.path.join(cut, ".vantrel-agent"), "")
-        self.assertEqual([], remove(cut, sudo=h.PASSWORD))
+        self.assertEqual([], remove(cut, sudo=h.PASSWORD, agent="unknown-here"))
         self.assertFalse(os.path.exists(cut))
         # A directory that holds no deployed agent, and "/", are refused.
         plain = self.remote_dir(create=True)

@@ -199,7 +199,8 @@ class GuardTest(FaultCase):
         h.write(os.path.join(agent_dir, "hang"), "")
         s = self.session()
         for sig in (signal.SIGTERM, signal.SIGKILL):
-            first = self.get_content(agent_dir, session=s)
+            # Started with the stop signals blocked, as a controlling process may do.
+            first = self.get_content(agent_dir, session=s, blocked=True)
             while first.running() and not [n for n in os.listdir(agent_dir) if n.startswith("rec.")]:
                 time.sleep(0.05)
             if sig == signal.SIGTERM:
