@@ -101,17 +101,22 @@ int main(int argc, char** argv) {
         }
         velmo::Ssh ssh(host, login, password, false, port);
         std::ostringstream err;
+        velmo::IOStreamWriteChannel errors(err);
+        velmo::EmptyInput input;
         ByteCounter counter;
+        velmo::ExecOptions how;
+        how.logOutput = how.logInput = false;
+        how.counter = &counter;
+        const std::string command = "cat '" + remote + "'";
         int status;
         if (md5) {
             SummingFile file(local);
-            std::istringstream none;
-            velmo::IOStreamReadChannel input(none);
-            velmo::IOStreamWriteChannel errors(err);
-            status = ssh.exec("cat '" + remote + "'", input, file, errors, true, true, counter);
+            status = ssh.exec(command, input, file, errors, how);
             std::cout << "bytes " << counter.total << " status " << status << " md5 " << file.sum.hex() << std::endl;
         } else {
-            status = ssh.get(local, err, remote, counter);
+            std::ofstream file(local.c_str(), std::ios::binary | std::ios::trunc);
+            velmo::IOStreamWriteChannel output(file);
+            status = ssh.exec(command, input, output, errors, how);
             std::cout << "bytes " << counter.total << " status " << status << std::endl;
         }
         if (status != 0)

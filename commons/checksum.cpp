@@ -1,7 +1,10 @@
 #include "commons/checksum.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+
+#include <unistd.h>
 
 #include "commons/exceptions.h"
 
@@ -50,24 +53,54 @@ void BackgroundMd5::update(const void* data, std::size_t length) {
     while (length > 0) {
         std::unique_lock<std::mutex> lock(mutex_);
         changed_.wait(lock, [this] { return !free_.empty(); });
-        std::vector<char> buffer = std::move(free_.back());
+        Piece piece;
+        piece.bytes = std::move(free_.back());
         free_.pop_back();
         lock.unlock();
         const std::size_t n = std::min(length, kBackgroundBuffer);
-        buffer.assign(at, at + n);
+        piece.bytes.assign(at, at + n);
         at += n;
         length -= n;
         lock.lock();
-        full_.push_back(std::move(buffer));
+        full_.push_back(std::move(piece));
         lock.unlock();
         changed_.notify_all();
     }
 }
 
+void BackgroundMd5::updateFromFile(int fd, int64_t offset, int64_t length) {
+    if (length <= 0) return;
+    Piece piece;
+    piece.fd = fd;
+    piece.offset = offset;
+    piece.length = length;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        full_.push_back(std::move(piece));
+    }
+    changed_.notify_all();
+}
+
 std::string BackgroundMd5::hex() {
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait(lock, [this] { return full_.empty() && !busy_; });
+    if (readFailed_) throw VELMO_EXC(StreamRead);
     return sum_.hex();
+}
+
+void BackgroundMd5::sumFile(const Piece& piece) {
+    std::vector<char> buffer(kBackgroundBuffer);
+    for (int64_t done = 0; done < piece.length && !readFailed_;) {
+        const std::size_t want = static_cast<std::size_t>(std::min<int64_t>(buffer.size(), piece.length - done));
+        const ssize_t n = ::pread(piece.fd, buffer.data(), want, piece.offset + done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            readFailed_ = true;
+            break;
+        }
+        sum_.update(buffer.data(), static_cast<std::size_t>(n));
+        done += n;
+    }
 }
 
 void BackgroundMd5::run() {
@@ -75,14 +108,17 @@ void BackgroundMd5::run() {
     for (;;) {
         changed_.wait(lock, [this] { return closing_ || !full_.empty(); });
         if (full_.empty()) return;
-        std::vector<char> buffer = std::move(full_.front());
+        Piece piece = std::move(full_.front());
         full_.pop_front();
         busy_ = true;
         lock.unlock();
-        sum_.update(buffer.data(), buffer.size());
+        if (piece.fd >= 0)
+            sumFile(piece);
+        else
+            sum_.update(piece.bytes.data(), piece.bytes.size());
         lock.lock();
         busy_ = false;
-        free_.push_back(std::move(buffer));
+        if (piece.fd < 0) free_.push_back(std::move(piece.bytes));
         changed_.notify_all();
     }
 }

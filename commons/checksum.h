@@ -2,6 +2,7 @@
 #define VANTREL_COMMONS_CHECKSUM_H
 
 #include <condition_variable>
+#include <cstdint>
 #include <cstddef>
 #include <deque>
 #include <istream>
@@ -30,8 +31,9 @@ private:
 
 // An MD5 sum computed on a thread of its own while the caller goes on
 // receiving: the bytes are copied into a few buffers (2 MiB at most) that the
-// thread sums in order; update() waits while all of them are full. The
-// thread only sums: it touches no file, socket or signal.
+// thread sums in order, or, where they are already in a file, read back from
+// it there; update() waits while all buffers are full. The thread touches no
+// socket or signal, and no file but through the descriptors it is given.
 class BackgroundMd5 {
 public:
     BackgroundMd5();
@@ -40,19 +42,31 @@ public:
     BackgroundMd5& operator=(const BackgroundMd5&) = delete;
 
     void update(const void* data, std::size_t length);
+    // The next length bytes of the sum are those of the open file fd from
+    // offset on (read there; fd stays open until hex() returns).
+    void updateFromFile(int fd, int64_t offset, int64_t length);
     // The sum of everything handed so far; the object is spent afterwards.
+    // Exc<&StreamRead> when a file could not be read back.
     std::string hex();
 
 private:
+    struct Piece {
+        std::vector<char> bytes;
+        int fd = -1;
+        int64_t offset = 0;
+        int64_t length = 0;
+    };
     void run();
+    void sumFile(const Piece& piece);
 
     Md5 sum_;
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::deque<std::vector<char>> full_;
+    std::deque<Piece> full_;
     std::vector<std::vector<char>> free_;
     bool closing_ = false;
     bool busy_ = false;
+    bool readFailed_ = false;
     std::thread thread_;
 };
 

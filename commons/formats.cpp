@@ -1,7 +1,6 @@
 #include "commons/formats.h"
 
 #include <algorithm>
-#include <map>
 #include <type_traits>
 #include <typeinfo>
 
@@ -133,47 +132,6 @@ Number toNumber(const std::string& text) {
 // Longest archive name taken from the list: no local path is longer.
 const size_t MAX_CONTENT_NAME = 4096;
 
-// The length of the text that getNodeText builds from a node list, where an
-// entity reference stands for its replacement text; counting stops at the
-// limit. Each entity is measured once, so that a short list that refers to a
-// large entity many times is measured, and refused, without being expanded.
-class ExpandedLength {
-public:
-    ExpandedLength(xmlDoc* doc, size_t limit) : doc_(doc), limit_(limit) {}
-
-    size_t of(const xmlNode* list) {
-        size_t length = 0;
-        for (const xmlNode* node = list; node != nullptr && length < limit_; node = node->next) {
-            if (node->type == XML_TEXT_NODE || node->type == XML_CDATA_SECTION_NODE) {
-                if (node->content != nullptr) length = add(length, static_cast<size_t>(xmlStrlen(node->content)));
-            } else if (node->type == XML_ENTITY_REF_NODE) {
-                xmlEntity* entity = xmlGetDocEntity(doc_, node->name);
-                if (entity != nullptr)
-                    length = add(length, ofEntity(entity));
-                else if (node->content != nullptr)
-                    length = add(length, static_cast<size_t>(xmlStrlen(node->content)));
-            }
-        }
-        return length;
-    }
-
-private:
-    size_t add(size_t a, size_t b) const { return b >= limit_ - std::min(a, limit_) ? limit_ : a + b; }
-
-    size_t ofEntity(const xmlEntity* entity) {
-        std::map<const xmlEntity*, size_t>::const_iterator known = lengths_.find(entity);
-        if (known != lengths_.end()) return known->second;
-        lengths_[entity] = limit_;  // an entity that refers to itself counts as too long
-        const size_t length = of(entity->children);
-        lengths_[entity] = length;
-        return length;
-    }
-
-    xmlDoc* doc_;
-    size_t limit_;
-    std::map<const xmlEntity*, size_t> lengths_;
-};
-
 }  // namespace
 
 XmlAgentFileList::XmlAgentFileList(const std::string& text) : tXmlQmvDocument(text) {
@@ -182,12 +140,12 @@ XmlAgentFileList::XmlAgentFileList(const std::string& text) : tXmlQmvDocument(te
 
 void XmlAgentFileList::parse() {
     files_.clear();
-    ExpandedLength nameLength(getDoc(), MAX_CONTENT_NAME + 1);
+    EntityMeasure nameLength(getDoc(), MAX_CONTENT_NAME);
     for (xmlNode* node = root_->children; node != nullptr; node = node->next) {
         if (node->type != XML_ELEMENT_NODE || xmlStrcmp(node->name, BAD_CAST "file") != 0) continue;
         const int64_t size = toNumber<int64_t>(getAttribute(node, "size"));
         const std::string md5sum = getAttribute(node, "md5sum");
-        if (nameLength.of(node->children) > MAX_CONTENT_NAME)
+        if (nameLength.text(node->children) > MAX_CONTENT_NAME)
             throw VELMO_EXC(tError_XmlInternal) %
                 (boost::format("The content list names a file of more than %1% bytes") % MAX_CONTENT_NAME).str();
         files_.emplace_back(getNodeText(node), size, md5sum);

@@ -125,19 +125,12 @@ Session::~Session() {
     reserveChannel_.reset();
 }
 
-bool Session::waitSocket(int timeoutMs) {
+short Session::pollEvents() const {
     const int directions = libssh2_session_block_directions(get());
-    pollfd entry;
-    entry.fd = socket_;
-    entry.events = 0;
-    if (directions & LIBSSH2_SESSION_BLOCK_INBOUND)
-        entry.events |= POLLIN;
-    if (directions & LIBSSH2_SESSION_BLOCK_OUTBOUND)
-        entry.events |= POLLOUT;
-    if (entry.events == 0)
-        entry.events = POLLIN;
-    entry.revents = 0;
-    return ::poll(&entry, 1, timeoutMs) > 0;
+    short events = 0;
+    if (directions & LIBSSH2_SESSION_BLOCK_INBOUND) events |= POLLIN;
+    if (directions & LIBSSH2_SESSION_BLOCK_OUTBOUND) events |= POLLOUT;
+    return events != 0 ? events : POLLIN;
 }
 
 void Session::sawRoundTrips(std::chrono::steady_clock::time_point since, int trips) {
@@ -281,35 +274,26 @@ void Session::userauth_callback(const char* /*name*/, int /*name_len*/, const ch
     }
 }
 
-LIBSSH2_CHANNEL* Session::openSessionChannel() {
+LIBSSH2_CHANNEL* Session::openChannel() {
     const double window = std::min<double>(kMaxWindow, std::max<double>(kMinWindow, roundTripMs_ * kDrainBytesPerMs));
-    const auto start = std::chrono::steady_clock::now();
-    LIBSSH2_CHANNEL* channel = libssh2_channel_open_ex(get(), "session", 7, static_cast<unsigned>(window),
-                                                       kPacketSize, nullptr, 0);
-    if (channel != nullptr) {
-        sawRoundTrips(start, 1);
-        return channel;
-    }
-    // Only the reserve channel is opened while the login time runs.
-    checkLoginTimeout("authentication");
-    const int error = libssh2_session_last_errno(get());
-    if (error == LIBSSH2_ERROR_TIMEOUT || isConnectionLost(error)) throw VELMO_EXC(SshConnectionFault);
-    return channel;
-}
-
-std::unique_ptr<Channel> Session::openExecChannel(const std::string& command) {
-    sessionLogger.debugStream() << "Opening SSH channel for command '" << maskSecrets(command) << "'";
-    setBlocking(true);
-    std::unique_ptr<Channel> channel(new Channel(openSessionChannel()));
-    (void)libssh2_channel_process_startup(channel->get(), "exec", 4, command.c_str(),
-                                          static_cast<unsigned>(command.size()));
-    return channel;
+    return libssh2_channel_open_ex(get(), "session", 7, static_cast<unsigned>(window), kPacketSize, nullptr, 0);
 }
 
 void Session::create_reserve_channel() {
     sessionLogger.debugStream() << "Create a reserve channel";
-    reserveChannel_.reset(new Channel(openSessionChannel()));
-    (void)libssh2_channel_process_startup(reserveChannel_->get(), "exec", 4, "cat", 3);
+    setBlocking(true);
+    LIBSSH2_CHANNEL* channel = openChannel();
+    if (channel == nullptr) {
+        checkLoginTimeout("authentication");
+        throw VELMO_EXC(SshConnectionFault);
+    }
+    reserveChannel_.reset(new Channel(channel));
+    // A refused command is as good as no channel: the connection is not fit.
+    if (libssh2_channel_process_startup(channel, "exec", 4, "cat", 3) != 0) {
+        checkLoginTimeout("authentication");
+        sessionLogger.errorStream() << "The reserve channel's command was refused: " << lastError();
+        throw VELMO_EXC(SshConnectionFault);
+    }
 }
 
 }  // namespace libssh2pp

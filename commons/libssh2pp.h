@@ -63,38 +63,41 @@ public:
                                   const LIBSSH2_USERAUTH_KBDINT_PROMPT* prompts,
                                   LIBSSH2_USERAUTH_KBDINT_RESPONSE* responses, void** abstract);
 
-    // A new session channel on which command has been started with an "exec"
-    // request. Its receive window covers what the link can carry in one round
-    // trip (from 2 MiB on short links up to 15 MiB), its packets are 32 KiB.
-    // Opened in blocking mode; a peer that does not answer within two minutes
-    // gives Exc<&SshConnectionFault>.
-    std::unique_ptr<Channel> openExecChannel(const std::string& command);
+    // Opens a session channel without waiting: null while the library waits
+    // for the peer (lastErrno() is LIBSSH2_ERROR_EAGAIN; call again with
+    // nothing else sent meanwhile), or when the peer refused it. Its receive
+    // window covers what the link can carry in one round trip (from 2 MiB on
+    // short links up to 15 MiB), its packets are 32 KiB. One channel opens at
+    // a time.
+    LIBSSH2_CHANNEL* openChannel();
+    // A channel asked for at since has opened: one more measure of the link.
+    void channelOpened(std::chrono::steady_clock::time_point since) { sawRoundTrips(since, 1); }
 
     // Opens the reserve channel: "cat" waiting on the remote side for input
     // that never comes, kept open until the session ends.
     void create_reserve_channel();
 
-    // The library's text for the last error of the session.
+    // The library's text and code for the last error of the session.
     std::string lastError() const;
+    int lastErrno() const { return libssh2_session_last_errno(get()); }
 
-    // Blocking mode for the calls of the library: remote commands switch it
-    // off while they move data and wait on the socket themselves.
+    // Blocking mode for the calls of the library: the channel loop switches
+    // it off and waits on the socket itself.
     void setBlocking(bool blocking) { libssh2_session_set_blocking(get(), blocking ? 1 : 0); }
     // How long a blocking call of the library waits for the peer once logged
     // in: two minutes, or a few seconds while leaving after a failure.
     void boundWaits(bool leaving);
-    // Waits until the socket is ready for what the library last waited on
-    // (reading if nothing else), at most timeoutMs; true when it is ready.
-    bool waitSocket(int timeoutMs);
+    // What the library waits for on the socket: POLLIN, POLLOUT or both.
+    short pollEvents() const;
     // Whether the library holds a packet it could only partly send: the call
     // that started it must be repeated before anything else is sent.
     bool sendPending() const { return (libssh2_session_block_directions(get()) & LIBSSH2_SESSION_BLOCK_OUTBOUND) != 0; }
+    int socket() const { return socket_; }
 
     // The shortest round trip seen so far, in milliseconds.
     double roundTripMs() const { return roundTripMs_; }
 
 private:
-    LIBSSH2_CHANNEL* openSessionChannel();
     void sawRoundTrips(std::chrono::steady_clock::time_point since, int trips);
 
     // Gives the library what is left of the login time for its next call,

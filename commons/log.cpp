@@ -133,13 +133,13 @@ DebugLogLifetimeController::~DebugLogLifetimeController() {
 
 // ---------------------------------------------------------- start/stop lines
 
-namespace {
-
-void debugLine(const std::string& text) {
+void debugLog(const std::string& text) {
     if (theDebugLog != nullptr) theDebugLog->log(text);
 }
 
-}  // namespace
+void debugLog(const ExTraceable& e) {
+    if (theDebugLog != nullptr) theDebugLog->log(e);
+}
 
 StartStopLogger::StartStopLogger(const std::string& name, int argc, char* const* argv)
     : name_(name), exitCode_(-1) {
@@ -149,15 +149,15 @@ StartStopLogger::StartStopLogger(const std::string& name, int argc, char* const*
         const std::string arg = argv[i] ? argv[i] : "";
         commandLine += arg.empty() ? std::string("''") : sh_quote(arg);
     }
-    debugLine(name_ + " started : " + commandLine);
+    debugLog(name_ + " started : " + commandLine);
 }
 
 StartStopLogger::~StartStopLogger() {
     try {
         if (exitCode_ == -1)
-            debugLine(name_ + " finished. " + " (exit code is not reported)");
+            debugLog(name_ + " finished. " + " (exit code is not reported)");
         else
-            debugLine(name_ + " finished. " + "Exit code: " + std::to_string(exitCode_));
+            debugLog(name_ + " finished. " + "Exit code: " + std::to_string(exitCode_));
     } catch (...) {
         // Nothing is left to tell it to.
     }
@@ -221,7 +221,7 @@ XmlLog::~XmlLog() {
     try {
         const std::string text = "Unable to save the result document " + dir_.pathOf(name_) + ": " + failure;
         std::cerr << text << std::endl;
-        debugLine(text);
+        debugLog(text);
     } catch (...) {
     }
 }

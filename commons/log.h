@@ -23,6 +23,9 @@ public:
 
 // The debug log of the run; null outside it.
 extern DebugLog* theDebugLog;
+// Writes into the debug log of the run, when there is one.
+void debugLog(const std::string& text);
+void debugLog(const ExTraceable& e);
 
 // Writes an exception into the result document: attributes code, id and
 // severity and a "description" on the current element, and a nested "message"

@@ -6,13 +6,13 @@
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <vector>
 
-#include <sys/stat.h>
+#include <poll.h>
 #include <sys/types.h>
 #include <unistd.h>
 
-#include <boost/format.hpp>
 #include <log4cpp/Category.hh>
 
 #include "commons/commons.h"
@@ -25,10 +25,13 @@ namespace velmo {
 
 static log4cpp::Category& logger = log4cpp::Category::getInstance("p.Ssh");
 
-// Every transfer moves data in chunks of this size, in both directions.
+// Every command moves data in chunks of this size, in both directions.
 static const unsigned kChunkSize = 65536;
-// Longest wait of the execution loop for output before it passes again.
-static const int kPollTimeoutMs = 5000;
+// What one command reads of one stream in one pass of the loop at most, so
+// that the channels of a connection take turns.
+static const std::size_t kReadPerPass = 1 << 20;
+// Longest wait of the loop for the peer before it passes again.
+static const long kPollTimeoutMs = 5000;
 // Longest time the SSH handshake and the authentication may take together,
 // in seconds, unless $VANTREL_SSH_LOGIN_TIMEOUT says otherwise. Once logged
 // in, nothing bounds a remote command: an agent may work for hours.
@@ -37,9 +40,11 @@ static const long kMaxLoginTimeoutSec = 24 * 3600;
 
 IOReadChannel::~IOReadChannel() {}
 IOWriteChannel::~IOWriteChannel() {}
-Ssh::Counter::~Counter() {}
+Counter::~Counter() {}
 
 Ssh::NullCounter Ssh::null_counter;
+
+ExecOptions::ExecOptions() : counter(&Ssh::null_counter) {}
 
 volatile std::sig_atomic_t isProgramTerminated = 0;
 
@@ -99,6 +104,8 @@ std::ostream& operator<<(std::ostream& out, const memchunk_log& chunk) {
 // Logs what one stream of a remote command carries, chunk by chunk behind its
 // prefix, with every known password masked: the first bytes only, then how
 // many more there were, so that a loud command cannot fill the disk.
+class CommandLog;
+
 class StreamLog {
 public:
     explicit StreamLog(const char* prefix) : prefix_(prefix) {}
@@ -210,17 +217,352 @@ void Ssh::logIn(const std::string& host, const std::string& login, const std::st
     }
 }
 
+
+// What a command's three streams carry, for the debug log.
+class CommandLog {
+public:
+    StreamLog input{"remote stdin <- "};
+    StreamLog output[2] = {StreamLog("remote stdout -> "), StreamLog("remote stderr -> ")};
+};
+
 Ssh::~Ssh() {
+    for (RemoteCommand* command : table_) command->ssh_ = nullptr;
     session_.reset();
     socket_.reset();
 }
 
-// Library errors that mean the connection itself is gone.
-static bool isSocketError(ssize_t rc) {
-    return rc == LIBSSH2_ERROR_SOCKET_RECV || rc == LIBSSH2_ERROR_SOCKET_SEND ||
-           rc == LIBSSH2_ERROR_SOCKET_DISCONNECT || rc == LIBSSH2_ERROR_SOCKET_TIMEOUT ||
-           rc == LIBSSH2_ERROR_TIMEOUT;
+// ---------------------------------------------------------------- commands
+
+RemoteCommand::RemoteCommand(std::string line, IOReadChannel& in, IOWriteChannel& out, IOWriteChannel& err,
+                             const ExecOptions& how)
+    : line_(std::move(line)), in_(in), out_(out), err_(err), how_(how), log_(new CommandLog()) {}
+
+RemoteCommand::~RemoteCommand() {
+    if (ssh_ != nullptr && phase_ != Phase::ended) ssh_->abandon(*this);
 }
+
+namespace {
+
+bool isSocketError(ssize_t rc) {
+    return libssh2pp::isConnectionLost(static_cast<int>(rc)) || rc == LIBSSH2_ERROR_TIMEOUT;
+}
+
+// A command's channel, for the calls of the library.
+LIBSSH2_CHANNEL* rawChannel(const std::unique_ptr<libssh2pp::Channel>& channel) { return channel->get(); }
+
+}  // namespace
+
+void Ssh::start(RemoteCommand& command) {
+    logger.debugStream() << "Executing " << maskSecrets(command.line_) << " on the remote host";
+    command.ssh_ = this;
+    command.phase_ = RemoteCommand::Phase::waiting;
+    table_.push_back(&command);
+    if (lost_) loseConnection();
+}
+
+int Ssh::exec(const std::string& command, IOReadChannel& in, IOWriteChannel& out, IOWriteChannel& err,
+              const ExecOptions& how) {
+    RemoteCommand remote(command, in, out, err, how);
+    start(remote);
+    try {
+        ChannelLoop({this}).run([&remote] { return remote.ended(); });
+    } catch (const ExTraceable&) {
+        // A stop request cuts the library's waits short: what fails then
+        // fails because of the stop.
+        checkProgramTerminated();
+        throw;
+    }
+    if (remote.lost()) throw VELMO_EXC(SshConnectionFault);
+    return remote.status();
+}
+
+// ------------------------------------------------------------ the phases
+
+bool Ssh::take(Step step, RemoteCommand& command) {
+    const bool progress = (this->*step)(command);
+    if (!lost_ && command.phase_ != RemoteCommand::Phase::ended && session_->sendPending()) {
+        pendingStep_ = step;
+        pendingCommand_ = &command;
+    }
+    return progress;
+}
+
+bool Ssh::service() {
+    if (lost_) return false;
+    session_->setBlocking(false);
+    bool progress = false;
+    if (pendingStep_ != nullptr) {
+        // A packet half sent goes out first: the library sends nothing else
+        // meanwhile.
+        const Step step = pendingStep_;
+        RemoteCommand& command = *pendingCommand_;
+        pendingStep_ = nullptr;
+        pendingCommand_ = nullptr;
+        progress = take(step, command);
+    }
+    // Commands started meanwhile (by a command's end, say) wait for the
+    // next pass.
+    const std::size_t count = table_.size();
+    for (std::size_t i = 0; i < count && i < table_.size() && !pendingStep_ && !lost_; ++i) {
+        RemoteCommand& command = *table_[i];
+        switch (command.phase_) {
+            case RemoteCommand::Phase::waiting:
+                if (!opening_) progress |= take(&Ssh::open, command);
+                break;
+            case RemoteCommand::Phase::opening:
+                progress |= take(&Ssh::open, command);
+                break;
+            case RemoteCommand::Phase::starting:
+                progress |= take(&Ssh::startCommand, command);
+                break;
+            case RemoteCommand::Phase::running:
+                progress |= take(&Ssh::sendInput, command);
+                if (!pendingStep_) progress |= take(&Ssh::sendEof, command);
+                if (!pendingStep_) progress |= take(&Ssh::receive, command);
+                break;
+            case RemoteCommand::Phase::closing:
+                progress |= take(&Ssh::close, command);
+                break;
+            case RemoteCommand::Phase::ended:
+                break;
+        }
+    }
+    table_.erase(std::remove_if(table_.begin(), table_.end(),
+                                [](RemoteCommand* c) { return c->phase_ == RemoteCommand::Phase::ended; }),
+                 table_.end());
+    return progress;
+}
+
+bool Ssh::open(RemoteCommand& command) {
+    if (command.phase_ == RemoteCommand::Phase::waiting) {
+        opening_ = true;
+        command.phase_ = RemoteCommand::Phase::opening;
+        command.asked_ = std::chrono::steady_clock::now();
+    }
+    LIBSSH2_CHANNEL* channel = session_->openChannel();
+    if (channel == nullptr) {
+        const int error = session_->lastErrno();
+        if (error == LIBSSH2_ERROR_EAGAIN) return false;
+        opening_ = false;
+        if (isSocketError(error)) {
+            loseConnection();
+        } else {
+            logger.errorStream() << "The source host refused a channel: " << session_->lastError();
+            command.lost_ = true;
+            end(command);
+        }
+        return true;
+    }
+    opening_ = false;
+    session_->channelOpened(command.asked_);
+    command.channel_.reset(new libssh2pp::Channel(channel));
+    command.phase_ = RemoteCommand::Phase::starting;
+    return true;
+}
+
+bool Ssh::startCommand(RemoteCommand& command) {
+    const int rc = libssh2_channel_process_startup(rawChannel(command.channel_), "exec", 4, command.line_.c_str(),
+                                                   static_cast<unsigned>(command.line_.size()));
+    if (rc == LIBSSH2_ERROR_EAGAIN) return false;
+    if (rc == 0) {
+        command.input_.resize(kChunkSize);
+        command.phase_ = RemoteCommand::Phase::running;
+    } else if (isSocketError(rc)) {
+        loseConnection();
+    } else {
+        // The source host answered the exec request with a refusal: the
+        // command never ran.
+        logger.errorStream() << "The source host refused to run the command: " << session_->lastError();
+        command.lost_ = true;
+        end(command);
+    }
+    return true;
+}
+
+bool Ssh::sendInput(RemoteCommand& command) {
+    if (command.inputEnded_) return false;
+    bool progress = false;
+    if (command.inputSent_ == command.inputLength_) {
+        const int n = command.in_.read(command.input_.data(), kChunkSize);
+        if (n == IOReadChannel::later) return false;
+        if (n < 0) throw VELMO_EXC(StreamRead);
+        if (command.how_.logInput) command.log_->input.add(command.input_.data(), static_cast<std::size_t>(n));
+        command.inputLength_ = static_cast<std::size_t>(n);
+        command.inputSent_ = 0;
+        command.inputEnded_ = n == 0;
+        progress = true;
+        if (n == 0) return progress;
+    }
+    const ssize_t w = libssh2_channel_write_ex(rawChannel(command.channel_), 0,
+                                               command.input_.data() + command.inputSent_,
+                                               command.inputLength_ - command.inputSent_);
+    if (w > 0) {
+        command.inputSent_ += static_cast<std::size_t>(w);
+        return true;
+    }
+    if (w == LIBSSH2_ERROR_EAGAIN) return progress;
+    if (isSocketError(w)) {
+        loseConnection();
+        return true;
+    }
+    // The command takes no more input (it ended, or closed its end): what it
+    // said and its status tell the rest.
+    logger.debugStream() << "The remote command stopped taking input: " << session_->lastError();
+    command.inputEnded_ = command.eofSent_ = true;
+    return true;
+}
+
+bool Ssh::sendEof(RemoteCommand& command) {
+    if (!command.inputEnded_ || command.eofSent_) return false;
+    const int rc = libssh2_channel_send_eof(rawChannel(command.channel_));
+    if (rc == LIBSSH2_ERROR_EAGAIN) return false;
+    if (isSocketError(rc)) {
+        loseConnection();
+    } else if (rc != 0 && !command.channel_->closedByPeer()) {
+        throw VELMO_EXC(UnableToSendEof) % session_->lastError();
+    }
+    command.eofSent_ = true;
+    return true;
+}
+
+bool Ssh::receive(RemoteCommand& command) {
+    static thread_local std::vector<char> buffer(kChunkSize);
+    LIBSSH2_CHANNEL* channel = rawChannel(command.channel_);
+    bool progress = false;
+    for (int stream = 0; stream < 2; ++stream) {
+        for (std::size_t read = 0; read < kReadPerPass;) {
+            const ssize_t n = libssh2_channel_read_ex(channel, stream, buffer.data(), kChunkSize);
+            if (n == LIBSSH2_ERROR_EAGAIN || n == 0) break;
+            if (n < 0) {
+                if (isSocketError(n)) loseConnection();
+                return true;
+            }
+            progress = true;
+            read += static_cast<std::size_t>(n);
+            if (command.how_.logOutput) command.log_->output[stream].add(buffer.data(), static_cast<std::size_t>(n));
+            if (stream == 0) (*command.how_.counter)(static_cast<int>(n));
+            pump_write(stream == 0 ? command.out_ : command.err_, buffer.data(), static_cast<int>(n));
+            if (session_->sendPending()) return true;  // a window adjustment half sent
+        }
+        if (session_->sendPending()) return true;
+    }
+    // The end of its output, or a channel the peer closed without one.
+    if (libssh2_channel_eof(channel) != 0) {
+        command.phase_ = RemoteCommand::Phase::closing;
+        return true;
+    }
+    if (!progress && command.channel_->closedByPeer() && !libssh2_poll_channel_read(channel, 0) &&
+        !libssh2_poll_channel_read(channel, 1)) {
+        command.closedWithoutEof_ = true;
+        command.phase_ = RemoteCommand::Phase::closing;
+        return true;
+    }
+    return progress;
+}
+
+bool Ssh::close(RemoteCommand& command) {
+    LIBSSH2_CHANNEL* channel = rawChannel(command.channel_);
+    if (!command.closedWithoutEof_) {
+        const int rc = libssh2_channel_wait_closed(channel);
+        if (rc == LIBSSH2_ERROR_EAGAIN) return false;
+        // Without the close the status is unknown: the library would say 0.
+        if (rc < 0) {
+            if (isSocketError(rc)) loseConnection();
+            command.lost_ = true;
+            end(command);
+            return true;
+        }
+    }
+    int status = libssh2_channel_get_exit_status(channel);
+    char* signalName = nullptr;
+    if (!command.closedWithoutEof_)
+        libssh2_channel_get_exit_signal(channel, &signalName, nullptr, nullptr, nullptr, nullptr, nullptr);
+    if (signalName != nullptr) {
+        // A command killed by a signal has no exit status; report it as the
+        // OpenSSH client does rather than as a success.
+        logger.debugStream() << "Remote command was killed by signal " << signalName;
+        libssh2_free(session_->get(), signalName);
+        if (status == 0) status = 255;
+    }
+    if (libssh2_channel_close(channel) == LIBSSH2_ERROR_EAGAIN) return false;
+    command.status_ = status;
+    logger.debugStream() << "Execution finished with return code " << status;
+    end(command);
+    return true;
+}
+
+void Ssh::end(RemoteCommand& command) {
+    command.channel_.reset();
+    command.phase_ = RemoteCommand::Phase::ended;
+    command.log_.reset();  // says what was left out of the log
+    if (command.onEnd) command.onEnd(command);
+}
+
+void Ssh::loseConnection() {
+    if (!lost_) logger.errorStream() << "Lost connection with the remote host: " << session_->lastError();
+    lost_ = true;
+    pendingStep_ = nullptr;
+    pendingCommand_ = nullptr;
+    opening_ = false;
+    for (std::size_t i = 0; i < table_.size(); ++i) {
+        RemoteCommand& command = *table_[i];
+        if (command.phase_ == RemoteCommand::Phase::ended) continue;
+        command.lost_ = true;
+        end(command);
+    }
+}
+
+// Waits a little for the socket to take what the library sends.
+static void waitToSend(int socket) {
+    pollfd entry = {socket, POLLOUT, 0};
+    ::poll(&entry, 1, 100);
+}
+
+void Ssh::flushPending() {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    session_->setBlocking(false);
+    while (pendingStep_ != nullptr && !lost_ && std::chrono::steady_clock::now() < until) {
+        const Step step = pendingStep_;
+        RemoteCommand& owner = *pendingCommand_;
+        pendingStep_ = nullptr;
+        pendingCommand_ = nullptr;
+        take(step, owner);
+        if (pendingStep_ != nullptr) waitToSend(session_->socket());
+    }
+}
+
+void Ssh::abandon(RemoteCommand& command) {
+    // A packet half sent goes out first (the library holds it, and may hold
+    // it for this very command).
+    if (!lost_) flushPending();
+    table_.erase(std::remove(table_.begin(), table_.end(), &command), table_.end());
+    if (!lost_ && command.phase_ != RemoteCommand::Phase::waiting && command.phase_ != RemoteCommand::Phase::ended) {
+        // An open that the library is in the middle of is finished: it holds
+        // its state too.
+        if (command.phase_ == RemoteCommand::Phase::opening) {
+            opening_ = false;
+            LIBSSH2_CHANNEL* channel = nullptr;
+            for (int tries = 0; !channel && tries < 30 && session_->lastErrno() == LIBSSH2_ERROR_EAGAIN; ++tries) {
+                channel = session_->openChannel();
+                if (!channel) waitToSend(session_->socket());
+            }
+            if (channel) command.channel_.reset(new libssh2pp::Channel(channel));
+        }
+        // Closed without waiting long for a peer that may be gone, or for a
+        // command that does not end.
+        session_->setBlocking(true);
+        session_->boundWaits(true);
+        command.channel_.reset();
+        session_->boundWaits(false);
+    }
+    command.channel_.reset();
+    command.ssh_ = nullptr;
+    command.phase_ = RemoteCommand::Phase::ended;
+}
+
+short Ssh::pollEvents() const { return session_->pollEvents(); }
+
+// --------------------------------------------------------------- periodic
 
 void Ssh::setPeriodic(std::chrono::milliseconds interval, std::function<bool()> task) {
     periodic_ = std::move(task);
@@ -228,217 +570,118 @@ void Ssh::setPeriodic(std::chrono::milliseconds interval, std::function<bool()> 
     periodicDue_ = std::chrono::steady_clock::now() + interval;
 }
 
-int Ssh::runPeriodicTask() {
+long Ssh::runPeriodicTask() {
     using namespace std::chrono;
-    if (!periodic_)
-        return kPollTimeoutMs;
+    if (!periodic_) return kPollTimeoutMs;
     if (steady_clock::now() >= periodicDue_) {
-        // The task may run commands of its own on this connection: it is
-        // taken out so that their loops do not run it again.
-        std::function<bool()> task = std::move(periodic_);
-        periodic_ = nullptr;
-        if (task() && !periodic_) {
-            periodic_ = std::move(task);
-            periodicDue_ = steady_clock::now() + periodicInterval_;
-        }
-        if (!periodic_)
-            return kPollTimeoutMs;
+        periodicDue_ = steady_clock::now() + periodicInterval_;
+        if (!periodic_()) periodic_ = nullptr;
+        // What the task started goes out at the next pass, not after a wait.
+        return 0;
     }
-    const auto left = duration_cast<milliseconds>(periodicDue_ - steady_clock::now()).count();
-    return static_cast<int>(std::max<long long>(0, std::min<long long>(left, kPollTimeoutMs)));
+    return std::max<long>(0, duration_cast<milliseconds>(periodicDue_ - steady_clock::now()).count());
 }
 
-int Ssh::exec(const std::string& command, IOReadChannel& in, IOWriteChannel& out, IOWriteChannel& err,
-              bool quietOutput, bool quietInput, Counter& counter) {
-    try {
-        return execChannel(command, in, out, err, quietOutput, quietInput, counter);
-    } catch (const ExTraceable&) {
-        // A stop request cuts the library's waits short: what fails then
-        // fails because of the stop.
-        checkProgramTerminated();
-        throw;
-    }
-}
+// ------------------------------------------------------------------ loop
 
 namespace {
-// Puts the session back into blocking mode when a command is done with it,
-// however it ends, so that its channel is closed in that mode.
-class BlockingWhenDone {
+
+// The loop is never entered again from inside: a periodic task or a sink
+// starts commands, it never runs one to its end.
+class OnlyLoop {
 public:
-    explicit BlockingWhenDone(libssh2pp::Session& session) : session_(session) { session_.boundWaits(false); }
-    ~BlockingWhenDone() {
-        session_.setBlocking(true);
-        // A command left for a failure or a stop request is closed without
-        // waiting long for a peer that may be gone, or for a command that
-        // does not end.
-        if (std::uncaught_exceptions() > 0) session_.boundWaits(true);
+    OnlyLoop() {
+        if (running_) throw std::logic_error("the channel loop was entered from inside itself");
+        running_ = true;
     }
+    ~OnlyLoop() { running_ = false; }
 
 private:
-    libssh2pp::Session& session_;
+    static bool running_;
 };
+bool OnlyLoop::running_ = false;
+
+// Whether the library holds something for a command that a pass would
+// take: packets that another channel's read took off the socket, or window
+// that arrived for input waiting to go.
+bool queued(LIBSSH2_CHANNEL* channel, bool wantsToWrite) {
+    return libssh2_poll_channel_read(channel, 0) || libssh2_poll_channel_read(channel, 1) ||
+           libssh2_channel_eof(channel) != 0 || (wantsToWrite && libssh2_channel_window_write_ex(channel, nullptr) > 0);
+}
+
 }  // namespace
 
-// The loop never blocks inside the library. A call that the library cannot
-// finish at once (EAGAIN) is made again, with the same arguments, before any
-// other call that sends: the library keeps a packet it could only partly send
-// and refuses to send another one meanwhile. In between the loop waits on the
-// socket, for at most the time left to the periodic task.
-int Ssh::execChannel(const std::string& command, IOReadChannel& in, IOWriteChannel& out, IOWriteChannel& err,
-                     bool quietOutput, bool quietInput, Counter& counter) {
-    logger.debugStream() << "Executing " << maskSecrets(command) << " on the remote host";
-    std::unique_ptr<libssh2pp::Channel> channel = session_->openExecChannel(command);
-    BlockingWhenDone blockingWhenDone(*session_);
-    LIBSSH2_CHANNEL* raw = channel->get();
+bool Ssh::hasQueued() const {
+    for (const RemoteCommand* command : table_)
+        if (command->phase_ == RemoteCommand::Phase::running &&
+            queued(rawChannel(command->channel_), !command->inputEnded_))
+            return true;
+    return false;
+}
 
-    enum { SendInput, SendEof, Receive } phase = SendInput;
-    std::vector<char> input(kChunkSize);
-    int inputLength = 0;
-    int inputSent = 0;
-    std::vector<char> buffer(kChunkSize);
-    bool closedWithoutEof = false;
-    StreamLog inputLog("remote stdin <- ");
-    StreamLog outputLog[2] = {StreamLog("remote stdout -> "), StreamLog("remote stderr -> ")};
-    for (;;) {
+void ChannelLoop::run(const std::function<bool()>& done) {
+    OnlyLoop only;
+    while (!done()) {
         checkProgramTerminated();
-        session_->setBlocking(false);
-        bool progress = false;
-
-        if (phase == SendInput) {
-            if (inputSent == inputLength) {
-                const int n = in.read(input.data(), kChunkSize);
-                if (n < 0)
-                    throw VELMO_EXC(StreamRead);
-                if (!quietInput) inputLog.add(input.data(), static_cast<std::size_t>(n));
-                inputLength = n;
-                inputSent = 0;
-                if (n == 0)
-                    phase = SendEof;
-                progress = true;
-            }
-            if (phase == SendInput) {
-                const ssize_t w = libssh2_channel_write_ex(raw, 0, input.data() + inputSent,
-                                                           static_cast<size_t>(inputLength - inputSent));
-                if (w > 0) {
-                    inputSent += static_cast<int>(w);
-                    progress = true;
-                } else if (isSocketError(w)) {
-                    throw VELMO_EXC(SshConnectionFault);
-                } else if (w != LIBSSH2_ERROR_EAGAIN) {
-                    // The command takes no more input (it ended or closed its
-                    // end): what it said and its status tell the rest.
-                    logger.debugStream() << "The remote command stopped taking input: " << session_->lastError();
-                    phase = Receive;
-                    progress = true;
-                }
-            }
-        }
-
-        if (phase == SendEof) {
-            const int rc = libssh2_channel_send_eof(raw);
-            if (rc == 0 || (rc != LIBSSH2_ERROR_EAGAIN && channel->closedByPeer())) {
-                phase = Receive;
-                progress = true;
-            } else if (isSocketError(rc)) {
-                throw VELMO_EXC(SshConnectionFault);
-            } else if (rc != LIBSSH2_ERROR_EAGAIN) {
-                throw VELMO_EXC(UnableToSendEof) % session_->lastError();
-            }
-        }
-
-        if (phase == Receive) {
-            for (int stream = 0; stream < 2; ++stream) {
-                const ssize_t n = libssh2_channel_read_ex(raw, stream, buffer.data(), kChunkSize);
-                if (n > 0) {
-                    progress = true;
-                    if (!quietOutput) outputLog[stream].add(buffer.data(), static_cast<std::size_t>(n));
-                    if (stream == 0)
-                        counter(static_cast<int>(n));
-                    pump_write(stream == 0 ? out : err, buffer.data(), static_cast<int>(n));
-                } else if (isSocketError(n)) {
-                    throw VELMO_EXC(SshConnectionFault);
-                }
-            }
-            if (!session_->sendPending()) {
-                if (libssh2_channel_eof(raw) != 0)
-                    break;
-                if (!progress && channel->closedByPeer() && !libssh2_poll_channel_read(raw, 0) &&
-                    !libssh2_poll_channel_read(raw, 1)) {
-                    closedWithoutEof = true;
-                    break;
-                }
-            }
-        }
-        if (progress)
-            continue;
-
-        int waitMs = kPollTimeoutMs;
-        if (phase == Receive && !session_->sendPending()) {
-            waitMs = runPeriodicTask();
-            session_->setBlocking(false);
-            // The task's own reads may have taken this command's data off
-            // the socket: look again before waiting on it.
-            if (libssh2_poll_channel_read(raw, 0) || libssh2_poll_channel_read(raw, 1) ||
-                libssh2_channel_eof(raw) != 0)
-                continue;
-        }
-        session_->waitSocket(waitMs);
+        if (!pass()) return;
     }
+}
 
-    int rc = 0;
-    while (!closedWithoutEof && (rc = libssh2_channel_wait_closed(raw)) == LIBSSH2_ERROR_EAGAIN) {
-        checkProgramTerminated();
-        session_->waitSocket(kPollTimeoutMs);
+bool ChannelLoop::finish(const std::function<bool()>& done, std::chrono::milliseconds limit) {
+    OnlyLoop only;
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done() && std::chrono::steady_clock::now() < deadline)
+        if (!pass(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now())
+                      .count()))
+            break;
+    return done();
+}
+
+bool ChannelLoop::pass(long longestWaitMs) {
+    bool progress = false;
+    bool alive = false;
+    for (Ssh* ssh : connections_) {
+        progress |= ssh->service();
+        alive |= !ssh->lost() && !ssh->table_.empty();
     }
-    // Without the close the status is unknown: the library would say 0.
-    if (rc < 0)
-        throw VELMO_EXC(SshConnectionFault);
-    int status = libssh2_channel_get_exit_status(raw);
-    char* signalName = nullptr;
-    if (!closedWithoutEof)
-        libssh2_channel_get_exit_signal(raw, &signalName, nullptr, nullptr, nullptr, nullptr, nullptr);
-    if (signalName != nullptr) {
-        // A command killed by a signal has no exit status; report it as the
-        // OpenSSH client does rather than as a success.
-        logger.debugStream() << "Remote command was killed by signal " << signalName;
-        libssh2_free(session_->get(), signalName);
-        if (status == 0)
-            status = 255;
-    }
-    logger.debugStream() << "Execution finished with return code " << status;
-    session_->setBlocking(true);
-    channel.reset();
-    return status;
+    if (progress) return true;
+    if (!alive) return false;
+    long waitMs = longestWaitMs;
+    for (Ssh* ssh : connections_)
+        if (!ssh->lost()) waitMs = std::min(waitMs, ssh->runPeriodicTask());
+    for (Ssh* ssh : connections_)
+        if (!ssh->lost() && ssh->hasQueued()) return true;
+    if (waitMs > 0) wait(waitMs);
+    return true;
 }
 
-int Ssh::exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
-              bool quietOutput, bool quietInput, Counter& counter) {
-    IOStreamReadChannel input(in);
-    IOStreamWriteChannel output(out);
-    IOStreamWriteChannel errors(err);
-    return exec(command, input, output, errors, quietOutput, quietInput, counter);
+void ChannelLoop::wait(long timeoutMs) {
+    std::vector<pollfd> entries;
+    for (Ssh* ssh : connections_)
+        if (!ssh->lost()) entries.push_back(pollfd{ssh->session_->socket(), ssh->pollEvents(), 0});
+    // A signal cuts the wait short: the next pass looks at the stop flag.
+    ::poll(entries.data(), entries.size(), static_cast<int>(std::max<long>(0, timeoutMs)));
 }
 
-int Ssh::exec(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput,
-              Counter& counter) {
-    std::istringstream empty;
-    return exec(command, empty, out, err, quietOutput, false, counter);
-}
+// ------------------------------------------------------------ files
 
-int Ssh::get(std::ostream& out, std::ostream& err, const std::string& remotePath, Counter& counter) {
-    logger.debugStream() << "Reading data from the remote file " << remotePath;
-    const std::string command = (boost::format("cat %1%") % sh_quote(remotePath)).str();
-    std::istringstream empty;
-    return exec(command, empty, out, err, true, true, counter);
+namespace {
+ExecOptions fileContent() {
+    ExecOptions how;
+    how.logOutput = how.logInput = false;
+    return how;
 }
+}  // namespace
 
 int Ssh::get(std::ostream& out, const std::string& remotePath) {
-    std::ostringstream discarded;
-    return get(out, discarded, remotePath, null_counter);
+    logger.debugStream() << "Reading data from the remote file " << remotePath;
+    EmptyInput none;
+    IOStreamWriteChannel output(out);
+    BoundedText errors;
+    return exec("cat " + sh_quote(remotePath), none, output, errors, fileContent());
 }
 
-int Ssh::get(const std::string& localPath, std::ostream& err, const std::string& remotePath,
-             Counter& counter) {
+int Ssh::get(const std::string& localPath, const std::string& remotePath) {
     logger.debugStream() << "Reading data to the file " << localPath;
     std::string name;
     const Directory dir = Directory::holding(localPath, name);
@@ -446,36 +689,22 @@ int Ssh::get(const std::string& localPath, std::ostream& err, const std::string&
     // fails leaves what stood there before.
     NewFile file(dir, name, 0640);
     NewFileWriter output(file);
-    IOStreamWriteChannel errors(err);
-    std::istringstream empty;
-    IOStreamReadChannel none(empty);
-    const std::string command = (boost::format("cat %1%") % sh_quote(remotePath)).str();
-    const int status = exec(command, none, output, errors, true, true, counter);
+    EmptyInput none;
+    BoundedText errors;
+    const int status = exec("cat " + sh_quote(remotePath), none, output, errors, fileContent());
     if (status == 0) file.commit();
     return status;
 }
 
-int Ssh::get(const std::string& localPath, const std::string& remotePath) {
-    std::ostringstream discarded;
-    return get(localPath, discarded, remotePath, null_counter);
-}
-
-void Ssh::put(std::istream& in, const std::string& remotePath) {
-    logger.debugStream() << "Writing data to the remote file " << remotePath;
-    const std::string command = (boost::format("cat > %1%") % sh_quote(remotePath)).str();
-    std::ostringstream out;
-    std::ostringstream err;
-    if (exec(command, in, out, err, true, true, null_counter) != 0)
-        throw VELMO_EXC(CantWriteRemoteFile) % remotePath % err.str();
-}
-
 void Ssh::put(const std::string& localPath, const std::string& remotePath) {
-    logger.debugStream() << "Writing file " << localPath << " to the remote host";
+    logger.debugStream() << "Writing file " << localPath << " to the remote host as " << remotePath;
     std::ifstream file(localPath.c_str(), std::ios::in | std::ios::binary);
     // Sending an unreadable file would truncate the remote copy to nothing.
-    if (!file.is_open())
-        throw VELMO_EXC(StreamRead);
-    put(file, remotePath);
+    if (!file.is_open()) throw VELMO_EXC(StreamRead);
+    IOStreamReadChannel input(file);
+    BoundedText output, errors;
+    if (exec("cat > " + sh_quote(remotePath), input, output, errors, fileContent()) != 0)
+        throw VELMO_EXC(CantWriteRemoteFile) % remotePath % errors.str();
 }
 
 }  // namespace velmo

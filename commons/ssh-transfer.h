@@ -1,5 +1,7 @@
-// The one authenticated connection to the source host: remote commands with
-// streamed standard input, output and error, and file transfer built on them.
+// The SSH transport of a run: authenticated connections to the source host,
+// remote commands on their channels, and one loop that services every
+// channel of every connection, as OpenSSH's client loop services its channel
+// table. Reading a remote file and writing one are commands like any other.
 #ifndef VANTREL_COMMONS_SSH_TRANSFER_H
 #define VANTREL_COMMONS_SSH_TRANSFER_H
 
@@ -12,6 +14,7 @@
 #include <ostream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "commons/libssh2pp.h"
 #include "commons/local_files.h"
@@ -33,9 +36,11 @@ void terminateProgram();
 // Throws MigrationTerminatedException once the flag is set.
 void checkProgramTerminated();
 
-// Source of bytes: more than 0 is a chunk, 0 the end of input, -1 an error.
+// Source of bytes: more than 0 is a chunk, 0 the end of input, -1 an error,
+// later that nothing is there yet but more will come (ask again).
 class IOReadChannel {
 public:
+    static const int later = -2;
     virtual ~IOReadChannel();
     virtual int read(char* buffer, unsigned size) = 0;
 };
@@ -104,19 +109,88 @@ struct memchunk_log {
 };
 std::ostream& operator<<(std::ostream& out, const memchunk_log& chunk);
 
+// No input at all.
+class EmptyInput : public IOReadChannel {
+public:
+    int read(char*, unsigned) override { return 0; }
+};
+
+// Writes the whole chunk, calling to again for what it did not take; checks
+// the termination flag first; Exc<&StreamWrite> on an error of to.
+void pump_write(IOWriteChannel& to, const char* data, int length);
+
+class Ssh;
+
+// Receives the size of every chunk of a command's standard output.
+class Counter {
+public:
+    virtual ~Counter();
+    virtual void operator()(int bytes) = 0;
+};
+
+// How a remote command runs.
+struct ExecOptions {
+    ExecOptions();
+    bool logOutput = true;  // its output chunks go to the debug log
+    bool logInput = true;   // its input chunks go to the debug log
+    Counter* counter;       // counts its standard output
+};
+
+// One command on a channel of a connection, in the loop's table from
+// Ssh::start until it ends. Its input is read as the channel takes it, its
+// output and errors are passed on as they arrive, both at once: a command
+// may answer before it has read all its input.
+class RemoteCommand {
+public:
+    RemoteCommand(std::string line, IOReadChannel& in, IOWriteChannel& out, IOWriteChannel& err,
+                  const ExecOptions& how = ExecOptions());
+    // A command that has not ended is abandoned: its channel is closed, and
+    // the command ends on the source host with its channel.
+    ~RemoteCommand();
+    RemoteCommand(const RemoteCommand&) = delete;
+    RemoteCommand& operator=(const RemoteCommand&) = delete;
+
+    // It exited, or its connection went away first (lost).
+    bool ended() const { return phase_ == Phase::ended; }
+    bool lost() const { return lost_; }
+    // The exit status; a command killed by a signal counts as 255.
+    int status() const { return status_; }
+    // Called once, when it ends (not when it is abandoned).
+    std::function<void(RemoteCommand&)> onEnd;
+
+private:
+    friend class Ssh;
+    enum class Phase { waiting, opening, starting, running, closing, ended };
+
+    std::string line_;
+    IOReadChannel& in_;
+    IOWriteChannel& out_;
+    IOWriteChannel& err_;
+    ExecOptions how_;
+    Ssh* ssh_ = nullptr;
+    std::unique_ptr<libssh2pp::Channel> channel_;
+    Phase phase_ = Phase::waiting;
+    std::vector<char> input_;
+    std::size_t inputLength_ = 0;
+    std::size_t inputSent_ = 0;
+    bool inputEnded_ = false;
+    bool eofSent_ = false;
+    bool closedWithoutEof_ = false;
+    std::chrono::steady_clock::time_point asked_;
+    int status_ = -1;
+    bool lost_ = false;
+    std::unique_ptr<class CommandLog> log_;
+};
+
+// One authenticated connection to the source host.
 class Ssh {
 public:
-    // Receives the size of every chunk of standard output.
-    class Counter {
-    public:
-        virtual ~Counter();
-        virtual void operator()(int bytes) = 0;
-    };
     class NullCounter : public Counter {
     public:
         void operator()(int) override {}
     };
     static NullCounter null_counter;
+    typedef velmo::Counter Counter;
 
     // Connects and authenticates. A failed handshake is tried once more on a
     // new connection in compatibility mode; refused credentials give
@@ -124,66 +198,130 @@ public:
     Ssh(const std::string& host, const std::string& login, const std::string& password,
         bool disableEncryption, unsigned short port);
     ~Ssh();
-
     Ssh(const Ssh&) = delete;
     Ssh& operator=(const Ssh&) = delete;
 
-    // Work the execution loop does about every interval while a remote command
-    // runs, at a pass between two reads; it may use this connection. The loop
-    // never waits longer than the time left until the task is due. The task
-    // returns false to stop being run; it is not run again while it runs.
-    void setPeriodic(std::chrono::milliseconds interval, std::function<bool()> task);
-    void clearPeriodic() { periodic_ = nullptr; }
+    // Puts command into this connection's table; the loop opens its channel,
+    // starts it and services it until it ends. A channel or a command that
+    // the source host refuses ends it as lost.
+    void start(RemoteCommand& command);
 
-    // Runs command with in as its standard input (all of it, then the end of
-    // file) and passes its standard output and error to out and err as they
-    // arrive. Returns the exit status; a command killed by a signal counts as
-    // 255. quietOutput keeps output chunks out of the log, quietInput input
-    // chunks. The connection gone gives Exc<&SshConnectionFault>.
+    // Runs command to its end and returns its exit status; the channels of
+    // this connection and its periodic task are serviced meanwhile. The
+    // connection gone gives Exc<&SshConnectionFault>.
     int exec(const std::string& command, IOReadChannel& in, IOWriteChannel& out, IOWriteChannel& err,
-             bool quietOutput, bool quietInput, Counter& counter);
-    int exec(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
-             bool quietOutput, bool quietInput, Counter& counter);
-    int exec(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput,
-             Counter& counter);
+             const ExecOptions& how = ExecOptions());
 
-    // Reads a remote file with "cat"; returns the exit status.
-    int get(std::ostream& out, std::ostream& err, const std::string& remotePath, Counter& counter);
+    // Reads a remote file with "cat" into out; returns the exit status.
     int get(std::ostream& out, const std::string& remotePath);
     // The same into a local file (mode 0640, kvaadm's), which takes its name
     // only when the read succeeds: a read that fails, by status or by error,
     // leaves what stood there before. A link under that name is replaced,
     // never written through.
-    int get(const std::string& localPath, std::ostream& err, const std::string& remotePath,
-            Counter& counter);
     int get(const std::string& localPath, const std::string& remotePath);
-
-    // Writes a remote file with "cat >"; a write that fails on the remote side
-    // gives Exc<&CantWriteRemoteFile> with the remote error.
-    void put(std::istream& in, const std::string& remotePath);
-    // The same from a local file; a file that cannot be opened throws
-    // Exc<&StreamRead> before anything is sent.
+    // Writes a remote file with "cat >" from a local file; a file that
+    // cannot be opened throws Exc<&StreamRead> before anything is sent, a
+    // write that fails on the remote side Exc<&CantWriteRemoteFile>.
     void put(const std::string& localPath, const std::string& remotePath);
 
+    // Work the loop does about every interval while this connection's
+    // commands run, between two passes; it may start commands (never run
+    // one to its end: that is the loop's). The task returns false to stop
+    // being run.
+    void setPeriodic(std::chrono::milliseconds interval, std::function<bool()> task);
+    void clearPeriodic() { periodic_ = nullptr; }
+
+    // Whether the connection went away; its commands then ended as lost.
+    bool lost() const { return lost_; }
+    // The shortest round trip seen on the connection, in milliseconds.
+    double roundTripMs() const { return session_->roundTripMs(); }
+
 private:
+    friend class ChannelLoop;
+    friend class RemoteCommand;
+    // Named by what a step waits for when the library could not finish it.
+    typedef bool (Ssh::*Step)(RemoteCommand&);
+
     void logIn(const std::string& host, const std::string& login, const std::string& password,
                bool disableEncryption, unsigned short port);
-    int execChannel(const std::string& command, IOReadChannel& in, IOWriteChannel& out, IOWriteChannel& err,
-                    bool quietOutput, bool quietInput, Counter& counter);
-    // Runs the periodic task when it is due; returns the milliseconds the loop
-    // may wait at most before it is due again.
-    int runPeriodicTask();
+
+    // One pass over the table: each command's phases in turn. True when
+    // anything moved.
+    bool service();
+    bool open(RemoteCommand& command);
+    bool startCommand(RemoteCommand& command);
+    bool sendInput(RemoteCommand& command);
+    bool sendEof(RemoteCommand& command);
+    bool receive(RemoteCommand& command);
+    bool close(RemoteCommand& command);
+    // Calls a step; a step that the library left with a packet half sent is
+    // remembered, and the next pass starts by finishing it.
+    bool take(Step step, RemoteCommand& command);
+    void end(RemoteCommand& command);
+    void loseConnection();
+    void abandon(RemoteCommand& command);
+    // Finishes the packet that a step left half sent, calling that step
+    // again (a few seconds at most).
+    void flushPending();
+
+    // What the loop waits for on the socket.
+    short pollEvents() const;
+    // Whether the library holds something a pass would take: packets that
+    // another channel's read took off the socket, or window that came for
+    // input waiting to go.
+    bool hasQueued() const;
+    // Runs the periodic task when it is due; returns the milliseconds the
+    // loop may wait before it is due again (0 when it just ran).
+    long runPeriodicTask();
 
     std::unique_ptr<Socket> socket_;
     std::unique_ptr<libssh2pp::Session> session_;
+    std::vector<RemoteCommand*> table_;
+    RemoteCommand* pendingCommand_ = nullptr;
+    Step pendingStep_ = nullptr;
+    bool opening_ = false;
+    bool lost_ = false;
     std::function<bool()> periodic_;
     std::chrono::milliseconds periodicInterval_{0};
     std::chrono::steady_clock::time_point periodicDue_;
 };
 
-// Writes the whole chunk, calling to again for what it did not take; checks
-// the termination flag first; Exc<&StreamWrite> on an error of to.
-void pump_write(IOWriteChannel& to, const char* data, int length);
+// A connection's periodic task for as long as this lives.
+class PeriodicTask {
+public:
+    PeriodicTask(Ssh& ssh, std::chrono::milliseconds interval, std::function<bool()> task) : ssh_(ssh) {
+        ssh_.setPeriodic(interval, std::move(task));
+    }
+    ~PeriodicTask() { ssh_.clearPeriodic(); }
+    PeriodicTask(const PeriodicTask&) = delete;
+    PeriodicTask& operator=(const PeriodicTask&) = delete;
+
+private:
+    Ssh& ssh_;
+};
+
+// Passes over the channels of a set of connections until a condition holds.
+class ChannelLoop {
+public:
+    explicit ChannelLoop(std::vector<Ssh*> connections) : connections_(std::move(connections)) {}
+
+    // Passes until done() is true, or no connection has a command left; a
+    // stop request ends it with MigrationTerminatedException.
+    void run(const std::function<bool()>& done);
+    // The same, after a stop request, for at most limit: one last exchange
+    // (removing on the source host what arrived, say) that the stop does
+    // not cut short. False when the limit came first.
+    bool finish(const std::function<bool()>& done, std::chrono::milliseconds limit);
+
+private:
+    // One pass over every connection, and a wait on their sockets when
+    // nothing moved; false when no connection has a command left.
+    bool pass(long longestWaitMs = 5000);
+    // Waits on the sockets for what the library waits for, at most timeoutMs.
+    void wait(long timeoutMs);
+
+    std::vector<Ssh*> connections_;
+};
 
 }  // namespace velmo
 

@@ -64,67 +64,55 @@ void freeDoc(xmlDoc* doc) {
 // square of the result).
 const size_t MAX_ENTITY_EXPANSION = 1 << 20;
 
-// Adds up, without expanding anything, the replacement text of every entity
-// reference in a document's elements and attributes. Each entity is measured
-// once; sums stop growing at the limit.
-class EntityExpansion {
-public:
-    explicit EntityExpansion(xmlDoc* doc) : doc_(doc), total_(0) {}
+}  // namespace
 
-    bool withinLimit() {
-        total_ = 0;
-        references(doc_->children);
-        return total_ <= MAX_ENTITY_EXPANSION;
-    }
+EntityMeasure::EntityMeasure(xmlDoc* doc, size_t limit) : doc_(doc), limit_(limit) {}
 
-private:
-    static size_t add(size_t a, size_t b) {
-        return b > MAX_ENTITY_EXPANSION - std::min(a, MAX_ENTITY_EXPANSION) ? MAX_ENTITY_EXPANSION + 1 : a + b;
-    }
+size_t EntityMeasure::add(size_t a, size_t b) const {
+    return b > limit_ - std::min(a, limit_) ? limit_ + 1 : a + b;
+}
 
-    void references(const xmlNode* list) {
-        for (const xmlNode* node = list; node != nullptr && total_ <= MAX_ENTITY_EXPANSION; node = node->next) {
-            if (node->type == XML_ENTITY_REF_NODE) {
-                total_ = add(total_, replacement(node));
-            } else if (node->type == XML_ELEMENT_NODE) {
-                for (const xmlAttr* attr = node->properties; attr != nullptr; attr = attr->next)
-                    references(attr->children);
-                references(node->children);
-            }
+size_t EntityMeasure::references(const xmlNode* list) {
+    size_t total = 0;
+    for (const xmlNode* node = list; node != nullptr && total <= limit_; node = node->next) {
+        if (node->type == XML_ENTITY_REF_NODE) {
+            total = add(total, replacement(node));
+        } else if (node->type == XML_ELEMENT_NODE) {
+            for (const xmlAttr* attr = node->properties; attr != nullptr; attr = attr->next)
+                total = add(total, references(attr->children));
+            total = add(total, references(node->children));
         }
     }
+    return total;
+}
 
-    // A reference's children lead to its entity declaration, not to copies.
-    size_t replacement(const xmlNode* reference) {
-        const xmlEntity* entity = xmlGetDocEntity(doc_, reference->name);
-        if (entity == nullptr) return 0;
-        std::map<const xmlEntity*, size_t>::const_iterator known = lengths_.find(entity);
-        if (known != lengths_.end()) return known->second;
-        lengths_[entity] = MAX_ENTITY_EXPANSION + 1;  // a loop counts as too much
-        return lengths_[entity] = text(entity->children);
-    }
+// A reference's children lead to its entity declaration, not to copies.
+size_t EntityMeasure::replacement(const xmlNode* reference) {
+    const xmlEntity* entity = xmlGetDocEntity(doc_, reference->name);
+    if (entity == nullptr) return reference->content != nullptr ? static_cast<size_t>(xmlStrlen(reference->content)) : 0;
+    std::map<const xmlEntity*, size_t>::const_iterator known = lengths_.find(entity);
+    if (known != lengths_.end()) return known->second;
+    lengths_[entity] = limit_ + 1;  // a loop counts as too much
+    return lengths_[entity] = text(entity->children);
+}
 
-    size_t text(const xmlNode* list) {
-        size_t length = 0;
-        for (const xmlNode* node = list; node != nullptr && length <= MAX_ENTITY_EXPANSION; node = node->next) {
-            if (node->type == XML_TEXT_NODE || node->type == XML_CDATA_SECTION_NODE) {
-                if (node->content != nullptr) length = add(length, static_cast<size_t>(xmlStrlen(node->content)));
-            } else if (node->type == XML_ENTITY_REF_NODE) {
-                length = add(length, replacement(node));
-            } else if (node->type == XML_ELEMENT_NODE) {
-                for (const xmlAttr* attr = node->properties; attr != nullptr; attr = attr->next)
-                    length = add(length, text(attr->children));
-                length = add(length, text(node->children));
-            }
+size_t EntityMeasure::text(const xmlNode* list) {
+    size_t length = 0;
+    for (const xmlNode* node = list; node != nullptr && length <= limit_; node = node->next) {
+        if (node->type == XML_TEXT_NODE || node->type == XML_CDATA_SECTION_NODE) {
+            if (node->content != nullptr) length = add(length, static_cast<size_t>(xmlStrlen(node->content)));
+        } else if (node->type == XML_ENTITY_REF_NODE) {
+            length = add(length, replacement(node));
+        } else if (node->type == XML_ELEMENT_NODE) {
+            for (const xmlAttr* attr = node->properties; attr != nullptr; attr = attr->next)
+                length = add(length, text(attr->children));
+            length = add(length, text(node->children));
         }
-        return length;
     }
+    return length;
+}
 
-    xmlDoc* doc_;
-    size_t total_;
-    std::map<const xmlEntity*, size_t> lengths_;
-};
-
+namespace {
 }  // namespace
 
 tXmlDocument::tXmlDocument() { createNewDoc(); }
@@ -146,7 +134,7 @@ void tXmlDocument::createNewDoc() {
 void tXmlDocument::parsed(xmlDoc* doc, const std::string& name, const tXmlParseErrors& errors) {
     adopt(doc);
     if (doc == nullptr) throw VELMO_EXC(tError_ParseFile) % name % errors.text();
-    if (doc->intSubset != nullptr && !EntityExpansion(doc).withinLimit()) {
+    if (doc->intSubset != nullptr && EntityMeasure(doc, MAX_ENTITY_EXPANSION).references(doc->children) > MAX_ENTITY_EXPANSION) {
         adopt(nullptr);
         throw VELMO_EXC(tError_ParseFile) % name %
             ("Entity references expand to more than " + std::to_string(MAX_ENTITY_EXPANSION) + " bytes\n");

@@ -4,9 +4,11 @@
 #ifndef VANTREL_COMMONS_XML_PARSE_H
 #define VANTREL_COMMONS_XML_PARSE_H
 
+#include <map>
 #include <memory>
 #include <string>
 
+#include <libxml/entities.h>
 #include <libxml/tree.h>
 #include <libxml/xpath.h>
 
@@ -43,6 +45,29 @@ public:
 
 private:
     std::string text_;
+};
+
+// Measures, without expanding anything, the text that entity references
+// stand for in a document: each entity is measured once, and sums stop
+// growing just above limit, so that a short document that refers to a large
+// entity many times, or to itself, is measured, and refused, at no cost.
+class EntityMeasure {
+public:
+    EntityMeasure(xmlDoc* doc, size_t limit);
+    // Length of the text of a node list (and of the elements and attributes
+    // within it) with every reference expanded.
+    size_t text(const xmlNode* list);
+    // What the references among a node list's elements and attributes stand
+    // for in all.
+    size_t references(const xmlNode* list);
+
+private:
+    size_t add(size_t a, size_t b) const;
+    size_t replacement(const xmlNode* reference);
+
+    xmlDoc* doc_;
+    size_t limit_;
+    std::map<const xmlEntity*, size_t> lengths_;
 };
 
 // Holds one shared libxml2 document; copies share it.

@@ -50,6 +50,26 @@ private:
     IOReadChannel& rest_;
 };
 
+// The command's own input as it is.
+class SameInput : public IOReadChannel {
+public:
+    explicit SameInput(IOReadChannel& in) : in_(in) {}
+    int read(char* buffer, unsigned size) override { return in_.read(buffer, size); }
+
+private:
+    IOReadChannel& in_;
+};
+
+// Runs its arguments as a command under remote/watchdog.pl where the source
+// host has perl, as they are where it has none.
+std::string endingWithRun(const std::string& command) {
+    std::vector<std::string> words = perlRunning(remote::watchdog);
+    words.insert(words.begin(), {"sh", "-c", "command -v perl >/dev/null 2>&1 && exec \"$0\" \"$@\"; shift 4; exec \"$@\""});
+    return commandLine(words) + " " + command;
+}
+
+}  // namespace
+
 // Passes standard error on and keeps its last bytes, where the sudo part of
 // a privileged line leaves its verdict.
 class TailKeeper : public IOWriteChannel {
@@ -73,16 +93,6 @@ private:
     IOWriteChannel& to_;
     std::string tail_;
 };
-
-}  // namespace
-
-void debugLog(const std::string& text) {
-    if (theDebugLog) theDebugLog->log(text);
-}
-
-void debugLog(const ExTraceable& e) {
-    if (theDebugLog) theDebugLog->log(e);
-}
 
 std::string commandLine(const std::vector<std::string>& words) {
     std::string line;
@@ -128,11 +138,13 @@ Action::~Action() {
 void Action::setConfig(const config* c) { cfg = c; }
 
 Ssh* Action::getSsh() {
-    if (!ssh) {
-        unsigned short port = cfg->port == 0 ? 22 : static_cast<unsigned short>(cfg->port);
-        ssh.reset(new Ssh(cfg->host, cfg->login, cfg->password, cfg->noEncryption, port));
-    }
+    if (!ssh) ssh = connect();
     return ssh.get();
+}
+
+std::unique_ptr<Ssh> Action::connect() const {
+    const unsigned short port = cfg->port == 0 ? 22 : static_cast<unsigned short>(cfg->port);
+    return std::unique_ptr<Ssh>(new Ssh(cfg->host, cfg->login, cfg->password, cfg->noEncryption, port));
 }
 
 const std::string& Action::agentDir() {
@@ -142,12 +154,11 @@ const std::string& Action::agentDir() {
         // File transfers would find a relative path from the home directory
         // and commands from inside the agent directory: one absolute path
         // serves both.
-        std::ostringstream out, err;
-        const int rc = getSsh()->exec("pwd", out, err, false, Ssh::null_counter);
-        std::string home = out.str();
+        const CommandResult pwd = run(CommandOptions(), "pwd");
+        std::string home = pwd.output;
         while (!home.empty() && home.back() == '\n') home.pop_back();
-        if (rc != 0 || home.empty() || home[0] != '/')
-            throw VELMO_EXC(CantFindHomeDirectory) % cfg->agentDir % err.str();
+        if (pwd.status != 0 || home.empty() || home[0] != '/')
+            throw VELMO_EXC(CantFindHomeDirectory) % cfg->agentDir % pwd.errors;
         agentDir_ = (home == "/" ? std::string() : home) + "/" + cfg->agentDir;
         actionLog.infoStream() << "Agent directory " << cfg->agentDir << " is " << agentDir_;
     }
@@ -155,59 +166,70 @@ const std::string& Action::agentDir() {
     return agentDir_;
 }
 
-namespace {
-
-// Runs its arguments as a command under remote/watchdog.pl where the source
-// host has perl, as they are where it has none.
-std::string endingWithRun(const std::string& command) {
-    return commandLine({"sh", "-c", "command -v perl >/dev/null 2>&1 && exec perl -e \"$0\" -- \"$@\"; exec \"$@\"",
-                        remote::watchdog}) +
-           " " + command;
-}
-
-}  // namespace
-
-CommandResult Action::run(const CommandOptions& how, const std::string& command, IOReadChannel& in,
-                          IOWriteChannel& out) {
+ActionCommand::ActionCommand(Action& action, const CommandOptions& how, const std::string& command,
+                             IOReadChannel& in, IOWriteChannel& out)
+    : action_(action), root_(how.root && action.cfg->useSudo), tail_(new TailKeeper(errors_)) {
     // Every command runs in a fresh sh; it does not run at all when the
     // directory cannot be entered.
     std::string line = (how.dir.empty() ? std::string("cd") : "cd " + sh_quote(how.dir)) + " || exit 1; ";
     const std::string guarded = how.guarded ? endingWithRun(command) : command;
-    CommandResult result;
-    BoundedText errors;
-    if (!how.root || !cfg->useSudo) {
-        result.status = getSsh()->exec(commandLine({"sh", "-c", line + guarded}), in, out, errors, !how.logOutput,
-                                       !how.logInput, Ssh::null_counter);
-        result.errors = errors.str();
-        return result;
+    if (!root_) {
+        line += guarded;
+        input_.reset(new SameInput(in));
+    } else {
+        // One exchange does it all: see that sudo exists, check the password
+        // once (the pipe ends after one line, so a wrong password is one
+        // failed attempt and never a wait), then run the command on the
+        // credentials sudo has just cached, or, where it caches none, with
+        // the password once more. The password is the first line of the
+        // input; the command gets the rest.
+        line += "sudo -V >/dev/null 2>&1 || { echo '" + std::string(kNoSudoMark) + "' >&2; exit " +
+                std::to_string(kNoSudoStatus) +
+                "; }; "
+                "IFS= read -r p; "
+                "printf '%s\\n' \"$p\" | sudo -S -k -p ' ' -v || { echo '" +
+                kSudoRefusedMark + "' >&2; exit " + std::to_string(kSudoRefusedStatus) +
+                "; }; "
+                "if sudo -n true 2>/dev/null; then sudo -n " +
+                guarded + "; else { printf '%s\\n' \"$p\"; exec cat; } | sudo -S -k -p ' ' " + guarded + "; fi";
+        input_.reset(new PasswordFirst(action.cfg->sudoPassword, in));
     }
+    ExecOptions options;
+    options.logOutput = how.logOutput;
+    options.logInput = how.logInput;
+    remote_.reset(new RemoteCommand(commandLine({"sh", "-c", line}), *input_, out, *tail_, options));
+}
 
-    // One exchange does it all: see that sudo exists, check the password
-    // once (the pipe ends after one line, so a wrong password is one failed
-    // attempt and never a wait), then run the command on the credentials
-    // sudo has just cached, or, where it caches none, with the password once
-    // more. The password is the first line of the input; the command gets the
-    // rest.
-    line += "sudo -V >/dev/null 2>&1 || { echo '" + std::string(kNoSudoMark) + "' >&2; exit " +
-            std::to_string(kNoSudoStatus) +
-            "; }; "
-            "IFS= read -r p; "
-            "printf '%s\\n' \"$p\" | sudo -S -k -p ' ' -v || { echo '" +
-            kSudoRefusedMark + "' >&2; exit " + std::to_string(kSudoRefusedStatus) +
-            "; }; "
-            "if sudo -n true 2>/dev/null; then sudo -n " +
-            guarded + "; else { printf '%s\\n' \"$p\"; exec cat; } | sudo -S -k -p ' ' " + guarded + "; fi";
-    PasswordFirst input(cfg->sudoPassword, in);
-    TailKeeper tail(errors);
-    result.status = getSsh()->exec(commandLine({"sh", "-c", line}), input, out, tail, !how.logOutput,
-                                   !how.logInput, Ssh::null_counter);
-    if (result.status == kNoSudoStatus && tail.endsWith(kNoSudoMark)) throw VELMO_EXC(SudoNotFound) % cfg->host;
-    if (result.status == kSudoRefusedStatus && tail.endsWith(kSudoRefusedMark)) {
-        debugLog("sudo refused the password: " + maskSecrets(tail.tail()));
-        throw VELMO_EXC(SudoNotAllowed) % cfg->login % cfg->host;
+ActionCommand::~ActionCommand() = default;
+
+CommandResult ActionCommand::result() {
+    if (remote_->lost()) throw VELMO_EXC(SshConnectionFault);
+    CommandResult result;
+    result.status = remote_->status();
+    if (root_ && result.status == kNoSudoStatus && tail_->endsWith(kNoSudoMark))
+        throw VELMO_EXC(SudoNotFound) % action_.cfg->host;
+    if (root_ && result.status == kSudoRefusedStatus && tail_->endsWith(kSudoRefusedMark)) {
+        debugLog("sudo refused the password: " + maskSecrets(tail_->tail()));
+        throw VELMO_EXC(SudoNotAllowed) % action_.cfg->login % action_.cfg->host;
     }
-    result.errors = errors.str();
+    result.errors = errors_.str();
     return result;
+}
+
+CommandResult Action::run(const CommandOptions& how, const std::string& command, IOReadChannel& in,
+                          IOWriteChannel& out) {
+    ActionCommand remote(*this, how, command, in, out);
+    Ssh* ssh = getSsh();
+    ssh->start(remote.remote());
+    try {
+        ChannelLoop({ssh}).run([&remote] { return remote.remote().ended(); });
+    } catch (const ExTraceable&) {
+        // A stop request cuts the library's waits short: what fails then
+        // fails because of the stop.
+        checkProgramTerminated();
+        throw;
+    }
+    return remote.result();
 }
 
 CommandResult Action::run(const CommandOptions& how, const std::string& command, const std::string& input) {
@@ -286,12 +308,32 @@ void RetrieveDumpAction::execute() {
     }
 }
 
+// One copy of the agent's dumping status into the session: a command of its
+// own beside the agent's, whose file takes its name when the copy is whole.
+struct RetrieveDumpAction::StatusCopy {
+    StatusCopy(const std::string& remote)
+        : file(theSession->directory(), files::getRemoteDumpingStatusFileName()), output(file),
+          command("cat " + sh_quote(remote), none, output, errors) {
+        command.onEnd = [this](RemoteCommand& copy) {
+            if (!copy.lost() && copy.status() == 0) file.commitQuietly();
+        };
+    }
+    NewFile file;
+    NewFileWriter output;
+    EmptyInput none;
+    BoundedText errors;
+    RemoteCommand command;
+};
+
+RetrieveDumpAction::~RetrieveDumpAction() = default;
+
 bool RetrieveDumpAction::refreshDumpingStatus() {
     try {
-        const std::string remote = agentDir() + "/" + files::getRemoteDumpingStatusFileName();
-        const std::string local = theSession->getDumpingStatusFileName();
-        // A failed read leaves the last copy as it was.
-        getSsh()->get(local, remote);
+        // A copy still on its way is left to finish.
+        if (copy_ && !copy_->command.ended()) return true;
+        copy_.reset();
+        copy_.reset(new StatusCopy(agentDir() + "/" + files::getRemoteDumpingStatusFileName()));
+        getSsh()->start(copy_->command);
         return true;
     } catch (const ExTraceable& e) {
         // The refresh stops for the rest of the run; the action goes on.
@@ -316,18 +358,15 @@ void RetrieveDumpAction::retrieve() {
 
     // While the agent works, its dumping status is copied into the session
     // every 5 seconds. What it prints is logged, not kept.
-    getSsh()->setPeriodic(std::chrono::seconds(5), [this] { return refreshDumpingStatus(); });
     CommandResult dump;
-    try {
+    {
+        PeriodicTask refresh(*getSsh(), std::chrono::seconds(5), [this] { return refreshDumpingStatus(); });
         std::istringstream text(standardInput_);
         IOStreamReadChannel in(text);
         BoundedText out(0);
         dump = run(CommandOptions(agentDir()).asRoot().endingWithRun(), command, in, out);
-    } catch (...) {
-        getSsh()->clearPeriodic();
-        throw;
     }
-    getSsh()->clearPeriodic();
+    copy_.reset();
     if (dump.status != 0) throw VELMO_EXC(CantRetrieveDumpFile) % dump.errors;
 
     takeFile(remoteDump);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "commons/formats.h"
+#include "commons/log.h"
 #include "commons/ssh-transfer.h"
 #include "vantrel/options.h"
 
@@ -56,6 +57,33 @@ struct CommandResult {
     std::string errors;  // its standard error: the start and the end of it when it said much
 };
 
+class Action;
+class TailKeeper;
+
+// A command of an action, ready to start on a connection: the line built as
+// how says (a fresh sh in its directory, through sudo as root, under the
+// watchdog), its input (behind the sudo password), and what it leaves.
+class ActionCommand {
+public:
+    ActionCommand(Action& action, const CommandOptions& how, const std::string& command, IOReadChannel& in,
+                  IOWriteChannel& out);
+    ~ActionCommand();
+
+    RemoteCommand& remote() { return *remote_; }
+    // Once it ended: what it left. sudo missing on the source host gives
+    // Exc<&SudoNotFound>, a refused password Exc<&SudoNotAllowed>, a lost
+    // connection Exc<&SshConnectionFault>.
+    CommandResult result();
+
+private:
+    Action& action_;
+    bool root_;
+    std::unique_ptr<IOReadChannel> input_;
+    BoundedText errors_;
+    std::unique_ptr<TailKeeper> tail_;
+    std::unique_ptr<RemoteCommand> remote_;
+};
+
 // Whether an action keeps the migration status file up to date.
 enum class StatusFile { kept, none };
 
@@ -71,6 +99,8 @@ public:
 
     // The connection of the run, made on first use.
     Ssh* getSsh();
+    // One more connection to the source host, as getSsh makes it.
+    std::unique_ptr<Ssh> connect() const;
     // The agent directory as an absolute path. A relative --agent-dir lies
     // in the login's home directory, which is asked for once.
     const std::string& agentDir();
@@ -102,6 +132,8 @@ protected:
     std::unique_ptr<MigrationStatus> status;
 
 private:
+    friend class ActionCommand;
+
     std::string agentDir_;
     bool agentDirKnown_;
 };
@@ -115,16 +147,21 @@ public:
 class RetrieveDumpAction : public Action {
 public:
     RetrieveDumpAction(const std::vector<std::string>& arguments, const std::string& standardInput);
+    ~RetrieveDumpAction() override;
     void execute() override;
 
 private:
+    struct StatusCopy;
+
     void retrieve();
-    // Copies the agent's dumping status into the session directory; false
-    // once that failed, which ends the refresh for the rest of the run.
+    // Starts a copy of the agent's dumping status into the session directory
+    // unless one is on its way; false once that failed, which ends the
+    // refresh for the rest of the run.
     bool refreshDumpingStatus();
 
     std::vector<std::string> arguments_;
     std::string standardInput_;
+    std::unique_ptr<StatusCopy> copy_;
 };
 
 class GetDumpingStatusAction : public Action {
@@ -156,10 +193,6 @@ void writeNameFile(const std::string& name, const std::string& text);
 
 // A command line made of words quoted for the remote shell.
 std::string commandLine(const std::vector<std::string>& words);
-
-// Writes a line into the debug log of the run, when there is one.
-void debugLog(const std::string& text);
-void debugLog(const ExTraceable& e);
 
 }  // namespace velmo
 

@@ -1,5 +1,6 @@
 #include "vantrel/dump_options.h"
 
+#include "commons/xml_parse.h"
 
 namespace velmo {
 
@@ -23,12 +24,6 @@ void collectList(tXmlDocument& doc, const char* expression, std::string& target)
     }
 }
 
-bool selects(tXmlDocument& doc, const char* expression) {
-    tXPathExpr expr(doc.getDoc(), reinterpret_cast<const xmlChar*>(expression));
-    xmlNodeSet* nodes = expr.getNodeSet();
-    return nodes != nullptr && nodes->nodeNr > 0;
-}
-
 std::string stringValue(tXmlDocument& doc, const char* expression) {
     const std::string wrapped = std::string("string(") + expression + ")";
     xmlXPathContextPtr ctx = xmlXPathNewContext(doc.getDoc());
@@ -44,78 +39,91 @@ std::string stringValue(tXmlDocument& doc, const char* expression) {
 
 }  // namespace
 
-void parseSelectedObjectsFile(const std::string& path, std::string& domains, std::string& clients,
-                              std::string& resellers, opt_backup_filter& filter,
-                              opt_backup_compress& compression, bool& server, bool& adminInfo,
-                              bool& noLicense) {
+void parseSelectedObjectsFile(const std::string& path, DumpSelection& selection) {
     // Any root element will do: the names are looked for anywhere.
     tXmlDocument doc(path.c_str());
 
-    collectList(doc, "//domain/name/text()", domains);
-    collectList(doc, "//client/name/text()", clients);
-    collectList(doc, "//reseller/name/text()", resellers);
-
-    server = selects(doc, "//server");
-    noLicense = selects(doc, "//server/license");
-    adminInfo = selects(doc, "//admin-info");
+    collectList(doc, "//domain/name/text()", selection.domains);
+    collectList(doc, "//client/name/text()", selection.clients);
+    collectList(doc, "//reseller/name/text()", selection.resellers);
 
     const std::string filterValue = stringValue(doc, "/*/parameters/@filter");
     if (filterValue == "only-mail")
-        filter = OPT_BACKUP_FILTER_ONLY_MAIL;
+        selection.filter = OPT_BACKUP_FILTER_ONLY_MAIL;
     else if (filterValue == "only-phosting")
-        filter = OPT_BACKUP_FILTER_ONLY_HOSTING;
+        selection.filter = OPT_BACKUP_FILTER_ONLY_HOSTING;
 
     const std::string compressionValue = stringValue(doc, "/*/parameters/@compression-level");
     if (compressionValue == "do-not-compress")
-        compression = OPT_BACKUP_COMPRESS_NONE;
+        selection.compression = OPT_BACKUP_COMPRESS_NONE;
     else if (compressionValue == "standard")
-        compression = OPT_BACKUP_COMPRESS_STANDARD;
+        selection.compression = OPT_BACKUP_COMPRESS_STANDARD;
 }
 
-void getSelectedObjectsFromConfig(const config& cfg, std::string& domains, std::string& clients,
-                                  std::string& resellers, opt_backup_filter& filter,
-                                  opt_backup_compress& compression, bool& server, bool& adminInfo,
-                                  bool& noLicense) {
-    appendList(domains, cfg.domains);
-    appendList(clients, cfg.clients);
-    appendList(resellers, cfg.resellers);
-    if (cfg.filter != OPT_BACKUP_FILTER_NONE) filter = cfg.filter;
-    if (cfg.compression != OPT_BACKUP_COMPRESS_NOT_SET) compression = cfg.compression;
-    // These three come from the command line only.
-    server = cfg.server;
-    adminInfo = cfg.adminInfo;
-    noLicense = cfg.noLicense;
+void getSelectedObjectsFromConfig(const config& cfg, DumpSelection& selection) {
+    appendList(selection.domains, cfg.domains);
+    appendList(selection.clients, cfg.clients);
+    appendList(selection.resellers, cfg.resellers);
+    if (cfg.filter != OPT_BACKUP_FILTER_NONE) selection.filter = cfg.filter;
+    if (cfg.compression != OPT_BACKUP_COMPRESS_NOT_SET) selection.compression = cfg.compression;
+    selection.server = cfg.server;
+    selection.adminInfo = cfg.adminInfo;
+    selection.noLicense = cfg.noLicense;
 }
+
+namespace {
+
+// The filter and the compression of a selection as the agent's switches.
+void addFilterAndCompression(const DumpSelection& selection, std::vector<std::string>& arguments) {
+    if (selection.filter == OPT_BACKUP_FILTER_ONLY_MAIL) arguments.push_back("--only-mail");
+    if (selection.filter == OPT_BACKUP_FILTER_ONLY_HOSTING) arguments.push_back("--only-hosting");
+    if (selection.compression == OPT_BACKUP_COMPRESS_NONE) arguments.push_back("--no-compress");
+}
+
+// The switches that only the command line gives.
+void addCommandLineSwitches(const DumpSelection& selection, std::vector<std::string>& arguments) {
+    if (selection.server) arguments.push_back("--server");
+    if (selection.adminInfo) arguments.push_back("--admin-info");
+    if (selection.noLicense) arguments.push_back("--no-license");
+}
+
+}  // namespace
 
 void prepareDumpOptions(const config& cfg, std::vector<std::string>& arguments, std::string& standardInput) {
-    std::string domains, clients, resellers;
-    opt_backup_filter filter = OPT_BACKUP_FILTER_NONE;
-    opt_backup_compress compression = OPT_BACKUP_COMPRESS_NOT_SET;
-    bool server = false, adminInfo = false, noLicense = false;
-
-    if (!cfg.selectedObjectsFile.empty())
-        parseSelectedObjectsFile(cfg.selectedObjectsFile, domains, clients, resellers, filter, compression,
-                                 server, adminInfo, noLicense);
-    getSelectedObjectsFromConfig(cfg, domains, clients, resellers, filter, compression, server, adminInfo,
-                                 noLicense);
+    DumpSelection selection;
+    if (!cfg.selectedObjectsFile.empty()) parseSelectedObjectsFile(cfg.selectedObjectsFile, selection);
+    getSelectedObjectsFromConfig(cfg, selection);
 
     std::string separator;
-    const std::pair<const std::string*, const char*> lists[] = {
-        {&domains, "--dump-domains=-"}, {&clients, "--dump-clients=-"}, {&resellers, "--dump-resellers=-"}};
+    const std::pair<const std::string*, const char*> lists[] = {{&selection.domains, "--dump-domains=-"},
+                                                                {&selection.clients, "--dump-clients=-"},
+                                                                {&selection.resellers, "--dump-resellers=-"}};
     for (const auto& list : lists) {
         if (list.first->empty()) continue;
         arguments.push_back(list.second);
         standardInput += separator + *list.first;
         separator = "\n";
     }
-
-    if (filter == OPT_BACKUP_FILTER_ONLY_MAIL) arguments.push_back("--only-mail");
-    if (filter == OPT_BACKUP_FILTER_ONLY_HOSTING) arguments.push_back("--only-hosting");
-    if (compression == OPT_BACKUP_COMPRESS_NONE) arguments.push_back("--no-compress");
+    addFilterAndCompression(selection, arguments);
     arguments.push_back("--include-app-distrib");
-    if (server) arguments.push_back("--server");
-    if (adminInfo) arguments.push_back("--admin-info");
-    if (noLicense) arguments.push_back("--no-license");
+    addCommandLineSwitches(selection, arguments);
+}
+
+void prepareDumpArguments(const config& cfg, std::vector<std::string>& arguments, std::string& standardInput) {
+    if (cfg.contentTransport == "rsync") {
+        // The port as given: 0 when none was, which the agent takes for 22.
+        standardInput += cfg.host + "\n" + cfg.login + "\n" + cfg.password + "\n" + std::to_string(cfg.port) + "\n";
+        arguments.push_back("--content-transport=rsync");
+    }
+    arguments.push_back("--migration-mode");
+    if (cfg.action != ACTION_DUMP_ALL) return prepareDumpOptions(cfg, arguments, standardInput);
+    // Everything is dumped; the command line's switches go along, in the
+    // words --dump-selected uses for them.
+    arguments.push_back("--dump-all");
+    DumpSelection selection;
+    getSelectedObjectsFromConfig(cfg, selection);
+    addFilterAndCompression(selection, arguments);
+    addCommandLineSwitches(selection, arguments);
 }
 
 }  // namespace velmo

@@ -1,9 +1,12 @@
 // The programs vantrel runs on the source host. Each is a file of
 // vantrel/remote/, which says what it does, compiled into the binary as its
-// text: the source host gets it inline on a command line, nothing is
-// installed there.
+// text (without its comments): the source host gets it inline on a command
+// line, nothing is installed there.
 #ifndef VANTREL_REMOTE_PROGRAMS_H
 #define VANTREL_REMOTE_PROGRAMS_H
+
+#include <string>
+#include <vector>
 
 namespace velmo {
 namespace remote {
@@ -14,6 +17,11 @@ extern const char archive_remover[];
 extern const char watchdog[];
 
 }  // namespace remote
+
+// The words of a command line that runs program in the source host's perl,
+// followed by the program's own arguments: the text travels in base64, which
+// no shell on the way alters or needs to quote.
+std::vector<std::string> perlRunning(const char* program);
 }  // namespace velmo
 
 #endif

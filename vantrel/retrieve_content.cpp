@@ -1,9 +1,8 @@
 #include "vantrel/retrieve_content.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <regex>
@@ -11,8 +10,6 @@
 #include <sstream>
 #include <vector>
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/format.hpp>
@@ -25,6 +22,7 @@
 #include "commons/local_files.h"
 #include "commons/session.h"
 #include "commons/sh_quoting.h"
+#include "vantrel/content_receiver.h"
 #include "vantrel/remote_programs.h"
 #include "vantrel/terminal.h"
 
@@ -36,26 +34,20 @@ log4cpp::Category& contentLog = log4cpp::Category::getInstance("p.Action");
 
 std::string decimal(int64_t value) { return boost::lexical_cast<std::string>(value); }
 
-// value - amount, wrapping around instead of overflowing.
-int64_t minus(int64_t value, int64_t amount) {
-    return static_cast<int64_t>(static_cast<uint64_t>(value) - static_cast<uint64_t>(amount));
-}
-
-// Longest block the sender announces, and longest line of its framing.
-const int64_t kMaxBlock = 16 << 20;
-const std::size_t kMaxHeader = 4096;
 // How often archives that arrived are removed on the source host while the
-// stream goes on.
+// transfer goes on, and how long the last removal may take when a stop
+// request or a failure ends the transfer.
 const std::chrono::seconds kRemovalInterval(10);
+const std::chrono::seconds kLastRemoval(10);
+// The pieces of a large archive when several streams share it.
+const int64_t kRangeSize = 8 << 20;
+// Streams a transfer uses at most unless KVA_STREAMS says otherwise, and the
+// data each of them should have at least.
+const int kDefaultStreams = 4;
+const int kMostStreams = 16;
+const int64_t kStreamShare = 8 << 20;
 // Status of a command the remote shell cannot find.
 const int kCommandNotFound = 127;
-
-// The length of a plain file of its own under name in dir, or -1.
-off_t sizeOfFile(const Directory& dir, const std::string& name) {
-    struct stat st;
-    if (!dir.isOpen() || !dir.lstat(name, st) || !S_ISREG(st.st_mode) || st.st_nlink != 1) return -1;
-    return st.st_size;
-}
 
 // MD5 of a plain file under name in dir (never through a link), or an empty
 // text when there is none.
@@ -74,11 +66,67 @@ std::string md5OfFile(const Directory& dir, const std::string& name) {
     }
 }
 
-// Whether two hexadecimal sums are one, whatever the case of their digits.
-bool sameSum(const std::string& a, const std::string& b) {
-    return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(), [](unsigned char x, unsigned char y) { return std::tolower(x) == std::tolower(y); });
+// How many streams carry bytes: KVA_STREAMS (1 to 16) when set, else one per
+// share of the data, at most four.
+int streamsFor(int64_t bytes) {
+    if (const char* text = std::getenv("KVA_STREAMS")) {
+        char* end = nullptr;
+        const long wanted = std::strtol(text, &end, 10);
+        if (*text != '\0' && *end == '\0' && wanted >= 1 && wanted <= kMostStreams) return static_cast<int>(wanted);
+        contentLog.warnStream() << "Ignoring KVA_STREAMS='" << text << "': not a number from 1 to " << kMostStreams;
+    }
+    return static_cast<int>(std::max<int64_t>(1, std::min<int64_t>(kDefaultStreams, bytes / kStreamShare)));
 }
+
+// Gives a stream's sender the requests its receiver hands out as the channel
+// takes them, and the end of its input once nothing is left for it.
+class Requests : public IOReadChannel {
+public:
+    Requests(ContentReceiver& receiver, int stream) : receiver_(receiver), stream_(stream) {}
+    int read(char* buffer, unsigned size) override {
+        if (pending_.empty()) pending_ = receiver_.nextRequests(stream_);
+        if (pending_.empty()) return receiver_.waiting(stream_) || receiver_.anythingToAsk() ? later : 0;
+        const std::size_t n = std::min<std::size_t>(size, pending_.size());
+        std::memcpy(buffer, pending_.data(), n);
+        pending_.erase(0, n);
+        return static_cast<int>(n);
+    }
+
+private:
+    ContentReceiver& receiver_;
+    int stream_;
+    std::string pending_;
+};
+
+// Hands what a stream's sender says to the receiver.
+class Answers : public IOWriteChannel {
+public:
+    Answers(ContentReceiver& receiver, int stream) : receiver_(receiver), stream_(stream) {}
+    int write(const char* data, unsigned size) override {
+        receiver_.received(stream_, data, size);
+        return static_cast<int>(size);
+    }
+
+private:
+    ContentReceiver& receiver_;
+    int stream_;
+};
+
+// Names, each ended by a NUL, as a command's input.
+class TextInput : public IOReadChannel {
+public:
+    explicit TextInput(std::string text) : text_(std::move(text)) {}
+    int read(char* buffer, unsigned size) override {
+        const std::size_t n = std::min<std::size_t>(size, text_.size() - at_);
+        std::memcpy(buffer, text_.data() + at_, n);
+        at_ += n;
+        return static_cast<int>(n);
+    }
+
+private:
+    std::string text_;
+    std::size_t at_ = 0;
+};
 
 }  // namespace
 
@@ -86,420 +134,295 @@ bool sameSum(const std::string& a, const std::string& b) {
 
 FileRetrievalProgressUpdater::FileRetrievalProgressUpdater(MigrationStatus& status, int64_t totalSize,
                                                            int32_t files)
-    : status_(status), start_(std::time(nullptr)), transferred_(0), sizeLeft_(totalSize), filesLeft_(files),
-      currentFileLeft_(0) {}
-
-void FileRetrievalProgressUpdater::startFile(int64_t size, int64_t already) {
-    currentFileLeft_ = minus(size, already);
-    if (already == 0) return;
-    sizeLeft_ = minus(sizeLeft_, already);
-    status_.setTransferSizeLeft(decimal(sizeLeft_));
-    status_.setTransferCurrentFileSizeLeft(decimal(currentFileLeft_));
-}
+    : status_(status), start_(std::time(nullptr)), totalSize_(totalSize), transferred_(0), filesLeft_(files) {}
 
 void FileRetrievalProgressUpdater::operator()(int bytes) {
     if (bytes <= 0) return;
-    // The sizes come from the agent's list: a hostile one may put them next
-    // to the ends of the range, where signed arithmetic would overflow.
-    sizeLeft_ = minus(sizeLeft_, bytes);
-    currentFileLeft_ = minus(currentFileLeft_, bytes);
-    transferred_ = minus(transferred_, -static_cast<int64_t>(bytes));
-    std::time_t now = std::time(nullptr);
-    int64_t speed = now != start_ ? transferred_ / static_cast<int64_t>(now - start_) : 0;
-    status_.setTransferSpeed(decimal(speed));
-    status_.setTransferSizeLeft(decimal(sizeLeft_));
-    status_.setTransferCurrentFileSizeLeft(decimal(currentFileLeft_));
+    transferred_ += bytes;
+    const std::time_t now = std::time(nullptr);
+    status_.setTransferSpeed(decimal(now != start_ ? transferred_ / static_cast<int64_t>(now - start_) : 0));
+}
+
+void FileRetrievalProgressUpdater::setLeft(int64_t sizeLeft, int64_t currentFileLeft) {
+    status_.setTransferSizeLeft(decimal(sizeLeft));
+    status_.setTransferCurrentFileSizeLeft(decimal(currentFileLeft));
+}
+
+void FileRetrievalProgressUpdater::fileDone() {
+    status_.setTransferFilesLeft(decimal(--filesLeft_));
 }
 
 // ------------------------------------------------------------- transfer
 
-// One run over the content list: which archives are here already, which come
-// and from where on, the stream that brings them, their proof, and their
-// removal on the source host.
-class ContentTransfer : public IOWriteChannel {
+// One run over the content list: which archives are here already and which
+// come (from where on), the streams that bring them (ContentReceiver takes
+// what they send), the migration status, and the removal on the source host
+// of what arrived.
+class ContentTransfer {
 public:
-    ContentTransfer(RetrieveContentAction& action, FileRetrievalProgressUpdater& updater, unsigned uid,
-                    unsigned gid)
+    ContentTransfer(RetrieveContentAction& action, FileRetrievalProgressUpdater& updater, uid_t uid, gid_t gid)
         : action_(action), updater_(updater), uid_(uid), gid_(gid) {}
-    ~ContentTransfer() override { abandonArchive(false); }
-
     void run(const std::vector<DumpFile>& records);
-    // The framed output of the sender, or the raw bytes of one archive.
-    int write(const char* data, unsigned size) override;
 
 private:
-    struct Item {
-        const DumpFile* record;
-        std::string local;
-        std::string remote;
-        bool skip;
-        int64_t from;  // bytes of the archive already here, in <local>.part
-        std::string leaf;  // the last component of the name
-        Directory dir;  // the content directory's level that holds it, once made
-    };
+    struct Stream;
 
-    std::string part(const Item& item) const { return item.leaf + ".part"; }
-    void plan(const std::vector<DumpFile>& records);
-    // Announces every archive up to index in the migration status, or index
-    // once more when it comes again.
-    void reach(std::size_t index);
-    void start(std::size_t index);
-    void finish(std::size_t index);
-    // Fetches the queued archives; false when the source host cannot run
-    // the sender.
-    bool stream();
-    void fetchOneByOne();
-    void header(const std::string& line);
-    void openArchive(std::size_t index);
-    void archiveData(const char* data, std::size_t length);
-    void closeArchive();
-    [[noreturn]] void failArchive(std::size_t index, const std::string& why);
-    // Closes the archive in hand after a failure: what arrived is kept for
-    // the next run when it can be proven then, else removed.
-    void abandonArchive(bool keep);
-    bool removeArrived();
+    std::vector<ContentReceiver::Archive> plan(const std::vector<DumpFile>& records);
+    void fetch(std::vector<ContentReceiver::Archive> archives);
+    std::vector<std::unique_ptr<Stream>> openStreams(ContentReceiver& receiver, int count);
+    // Starts a sender on a stream that has work and none; true when one ran
+    // and ended, and what that means is settled.
+    void keepSending(Stream& stream, ContentReceiver& receiver);
+    void saveStatus(const ContentReceiver& receiver);
+    // Starts a removal of what arrived on the source host unless one is on
+    // its way; reports what the last one left.
+    bool startRemoval();
+    void endRemoval();
+    // The removals still due, in one last exchange that a stop request does
+    // not cut short, bounded in time.
+    void lastRemoval() noexcept;
 
     RetrieveContentAction& action_;
     FileRetrievalProgressUpdater& updater_;
-    unsigned uid_;
-    unsigned gid_;
-    std::vector<Item> items_;
-    std::size_t announced_ = 0;  // items started in the status so far
-    std::vector<std::size_t> queue_;
-    std::size_t next_ = 0;  // position in queue_ of the archive the sender is on
-    std::vector<std::size_t> again_;  // resumed archives that failed their proof
-    std::vector<std::string> arrived_;  // names of proven archives
-    // The archive in hand.
-    int fd_ = -1;
-    std::size_t current_ = 0;
-    int64_t received_ = 0;
-    // Summed on a thread of its own, so that a core the transfer leaves idle
-    // does the work.
-    std::unique_ptr<BackgroundMd5> md5_;
-    // What a person at a terminal sees.
+    uid_t uid_;
+    gid_t gid_;
+    std::vector<const DumpFile*> fetched_;   // the archives that come, in list order
+    std::vector<std::string> arrived_;       // names of proven archives not removed yet
+    std::vector<std::string> removing_;      // names the removal on its way takes
+    std::unique_ptr<TextInput> removalNames_;
+    std::unique_ptr<ActionCommand> removal_;
+    BoundedText removalOutput_{1 << 20};
     ProgressLine progress_;
     int64_t toFetch_ = 0;
-    int64_t fetched_ = 0;
-    // The sender's framing.
-    bool raw_ = false;
-    bool started_ = false;
-    std::string line_;
-    int64_t blockLeft_ = 0;
+    int64_t fetchedBytes_ = 0;
+};
+
+struct ContentTransfer::Stream {
+    Stream(ContentReceiver& receiver, int index, Ssh* ssh) : index(index), ssh(ssh), input(receiver, index),
+                                                             output(receiver, index) {}
+    int index;
+    Ssh* ssh;
+    std::unique_ptr<Ssh> own;
+    Requests input;
+    Answers output;
+    std::unique_ptr<ActionCommand> sender;
 };
 
 void ContentTransfer::run(const std::vector<DumpFile>& records) {
-    plan(records);
     try {
-        for (std::size_t i = 0; i < items_.size(); ++i) {
-            if (items_[i].skip) continue;
-            queue_.push_back(i);
-            toFetch_ += items_[i].record->size - items_[i].from;
-        }
-        if (!queue_.empty()) {
-            if (!stream()) fetchOneByOne();
-            if (!again_.empty()) {
-                // Resumed archives that did not prove whole come once more,
-                // from their first byte.
-                contentLog.warnStream() << again_.size() << " resumed archive(s) failed their check; fetching them again";
-                queue_.swap(again_);
-                again_.clear();
-                next_ = 0;
-                if (!stream()) fetchOneByOne();
-                if (!again_.empty()) throw std::logic_error("a whole download counts as resumed");
-            }
-        }
-        reach(items_.size());
-        removeArrived();
+        std::vector<ContentReceiver::Archive> archives = plan(records);
+        if (!archives.empty()) fetch(std::move(archives));
+        endRemoval();
+        if (!arrived_.empty()) startRemoval();
+        if (removal_) ChannelLoop({action_.getSsh()}).run([this] { return removal_->remote().ended(); });
+        endRemoval();
     } catch (...) {
-        abandonArchive(true);
-        try {
-            removeArrived();
-        } catch (...) {
-            // Best effort: the failure that got us here is the one to report.
-        }
+        lastRemoval();
         throw;
     }
 }
 
-void ContentTransfer::plan(const std::vector<DumpFile>& records) {
+std::vector<ContentReceiver::Archive> ContentTransfer::plan(const std::vector<DumpFile>& records) {
+    // The totals go out before the sums of what is here: a rerun with much
+    // here already shows its progress through them.
+    MigrationStatus& status = *action_.status;
+    std::vector<ContentReceiver::Archive> archives;
+    auto saved = std::chrono::steady_clock::now();
     for (const DumpFile& record : records) {
         checkProgramTerminated();
-        Item item{&record, action_.contentDir_.pathOf(record.name), action_.agentDir() + "/" + record.name, false, 0,
-                  getFileNameFromPath(record.name), Directory()};
-        item.skip = action_.checkMD5(record);
-        // A partial archive can only be trusted when its sum will prove the
-        // whole at the end; one longer than the archive is no part of it.
-        const off_t partial = sizeOfFile(action_.contentDir_.existingBelow(getPath(record.name)), part(item));
-        if (!item.skip && !record.md5sum.empty() && partial > 0 && partial <= record.size) {
-            item.from = partial;
-            contentLog.infoStream() << "Continuing " << record.name << " from byte " << partial << " of " << record.size;
+        status.setCurrentFile(record.name, decimal(record.size));
+        if (std::chrono::steady_clock::now() - saved > std::chrono::milliseconds(200)) {
+            status.saveFile();
+            saved = std::chrono::steady_clock::now();
         }
-        items_.push_back(item);
-    }
-}
-
-void ContentTransfer::reach(std::size_t index) {
-    while (announced_ < index && announced_ < items_.size()) {
-        const std::size_t skipped = announced_;
-        start(skipped);
-        finish(skipped);
-    }
-    if (index < items_.size() && announced_ >= index) start(index);
-}
-
-void ContentTransfer::start(std::size_t index) {
-    Item& item = items_[index];
-    MigrationStatus& status = *action_.status;
-    status.setCurrentFile(item.record->name, decimal(item.record->size));
-    // A resumed archive counts only what is left of it.
-    updater_.startFile(item.record->size, item.from);
-    status.saveFile();
-    // Levels of the name are made as kvaadm's; a link there is never followed.
-    item.dir = action_.contentDir_.below(getPath(item.record->name), uid_, gid_, 0755);
-    announced_ = std::max(announced_, index + 1);
-}
-
-void ContentTransfer::finish(std::size_t) {
-    --updater_.filesLeft();
-    action_.status->setTransferFilesLeft(decimal(updater_.filesLeft()));
-    action_.status->saveFile();
-}
-
-bool ContentTransfer::stream() {
-    std::string requests;
-    for (std::size_t index : queue_) {
-        const Item& item = items_[index];
-        requests += decimal(item.from) + " " + item.record->name + '\0';
-    }
-    raw_ = false;
-    started_ = false;
-    line_.clear();
-    blockLeft_ = 0;
-    reach(queue_[next_]);
-
-    std::istringstream in(requests);
-    IOStreamReadChannel input(in);
-    Ssh* ssh = action_.getSsh();
-    ssh->setPeriodic(kRemovalInterval, [this] { return removeArrived(); });
-    CommandResult sent;
-    try {
-        sent = action_.run(CommandOptions(action_.agentDir()).quietOutput().quietInput(),
-                           commandLine({"perl", "-e", remote::content_sender}), input, *this);
-    } catch (...) {
-        ssh->clearPeriodic();
-        throw;
-    }
-    ssh->clearPeriodic();
-    if (next_ == queue_.size()) return true;
-    if (!started_ && sent.status == kCommandNotFound) {
-        contentLog.infoStream() << "No perl on the source host: the archives come one by one";
-        return false;
-    }
-    failArchive(queue_[next_], sent.status == 0 ? "the source host ended the transfer early" : sent.errors);
-}
-
-void ContentTransfer::fetchOneByOne() {
-    raw_ = true;
-    for (; next_ < queue_.size(); ++next_) {
-        const std::size_t index = queue_[next_];
-        const Item& item = items_[index];
-        reach(index);
-        openArchive(index);
-        // The shell's own check that the name leads to a file of the agent
-        // directory, not through a link out of it.
-        const std::string script =
-            "d=$(cd -P -- \"$(dirname -- \"$2\")\" && pwd -P) && [ ! -L \"$2\" ] && "
-            "case \"$d/\" in \"$(pwd -P)\"/*) ;; *) false ;; esac || "
-            "{ echo \"$2: it leads outside the agent directory\" >&2; exit 1; }; exec tail -c \"+$1\" -- \"$2\"";
-        std::istringstream none;
-        IOStreamReadChannel input(none);
-        const CommandResult sent = action_.run(CommandOptions(action_.agentDir()).quietOutput().quietInput(),
-                                               commandLine({"sh", "-c", script, "sh", decimal(item.from + 1),
-                                                            item.record->name}),
-                                               input, *this);
-        if (sent.status != 0) failArchive(index, sent.errors);
-        closeArchive();
-    }
-}
-
-int ContentTransfer::write(const char* data, unsigned size) {
-    if (raw_) {
-        archiveData(data, size);
-        return static_cast<int>(size);
-    }
-    const char* at = data;
-    const char* end = data + size;
-    while (at < end) {
-        if (blockLeft_ > 0) {
-            const std::size_t n = static_cast<std::size_t>(std::min<int64_t>(blockLeft_, end - at));
-            archiveData(at, n);
-            at += n;
-            blockLeft_ -= static_cast<int64_t>(n);
+        if (action_.checkMD5(record)) {
+            updater_.fileDone();
             continue;
         }
-        const char* lineEnd = static_cast<const char*>(std::memchr(at, '\n', static_cast<std::size_t>(end - at)));
-        line_.append(at, lineEnd ? lineEnd : end);
-        if (line_.size() > kMaxHeader) failArchive(queue_[next_], "the source host sent what is no archive");
-        if (!lineEnd) break;
-        at = lineEnd + 1;
-        const std::string line = line_;
-        line_.clear();
-        header(line);
+        const Directory dir = action_.contentDir_.below(getPath(record.name), uid_, gid_, 0755);
+        // A partial archive can only be trusted when its sum will prove the
+        // whole at the end; one longer than the archive is no part of it.
+        const int64_t partial = ArchiveWriter::resumable(dir, getFileNameFromPath(record.name));
+        int64_t from = 0;
+        if (!record.md5sum.empty() && partial > 0 && partial <= record.size) {
+            from = partial;
+            contentLog.infoStream() << "Continuing " << record.name << " from byte " << from << " of " << record.size;
+        }
+        archives.push_back(ContentReceiver::Archive{&record, action_.agentDir() + "/" + record.name, dir, from});
+        fetched_.push_back(&record);
+        toFetch_ += std::max<int64_t>(0, record.size - from);
     }
-    return static_cast<int>(size);
+    return archives;
 }
 
-void ContentTransfer::header(const std::string& line) {
-    started_ = true;
-    if (next_ >= queue_.size()) failArchive(queue_.back(), "the source host sent more than was asked for");
-    const std::size_t index = queue_[next_];
-    if (line.compare(0, 2, "S ") == 0 && fd_ < 0) {
-        openArchive(index);
-    } else if (line.compare(0, 2, "D ") == 0 && fd_ >= 0) {
+void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
+    const int count = streamsFor(toFetch_);
+    // The status is saved as an archive starts and as it arrives, the
+    // terminal's line as bytes come.
+    bool statusDue = true;
+    std::size_t shown = 0;
+    ContentReceiver::Events events;
+    events.started = [&statusDue](std::size_t) { statusDue = true; };
+    events.received = [this, &shown](int64_t bytes) {
+        updater_(static_cast<int>(bytes));
+        fetchedBytes_ += bytes;
+        progress_.update(fetched_[shown]->name, fetchedBytes_, toFetch_);
+    };
+    events.arrived = [this, &statusDue](std::size_t i) {
+        arrived_.push_back(fetched_[i]->name);
+        updater_.fileDone();
+        statusDue = true;
+    };
+    ContentReceiver receiver(std::move(archives), count, count > 1 ? kRangeSize : 0, action_.cfg->host, events);
+    std::vector<std::unique_ptr<Stream>> streams = openStreams(receiver, count);
+    std::vector<Ssh*> connections;
+    for (const auto& stream : streams) connections.push_back(stream->ssh);
+    PeriodicTask removal(*action_.getSsh(), kRemovalInterval, [this] { return startRemoval(); });
+
+    while (!receiver.finished()) {
+        for (const auto& stream : streams) keepSending(*stream, receiver);
+        if (statusDue) {
+            statusDue = false;
+            shown = receiver.current();
+            saveStatus(receiver);
+        }
+        ChannelLoop(connections).run([&] {
+            if (receiver.finished() || statusDue) return true;
+            for (const auto& stream : streams)
+                if (stream->sender ? stream->sender->remote().ended()
+                                   : receiver.waiting(stream->index) || receiver.anythingToAsk())
+                    return true;
+            return false;
+        });
+    }
+    saveStatus(receiver);
+    // The senders see the end of their input and leave.
+    ChannelLoop(connections).run([&] {
+        for (const auto& stream : streams)
+            if (stream->sender && !stream->sender->remote().ended()) return false;
+        return true;
+    });
+}
+
+std::vector<std::unique_ptr<ContentTransfer::Stream>> ContentTransfer::openStreams(ContentReceiver& receiver,
+                                                                                   int count) {
+    std::vector<std::unique_ptr<Stream>> streams;
+    streams.emplace_back(new Stream(receiver, 0, action_.getSsh()));
+    for (int i = 1; i < count; ++i) {
         try {
-            blockLeft_ = boost::lexical_cast<int64_t>(line.substr(2));
-        } catch (const boost::bad_lexical_cast&) {
-            blockLeft_ = -1;
+            std::unique_ptr<Stream> stream(new Stream(receiver, i, nullptr));
+            stream->own = action_.connect();
+            stream->ssh = stream->own.get();
+            streams.push_back(std::move(stream));
+        } catch (const ExTraceable& e) {
+            // A host that takes no more connections (sshd's MaxStartups, say)
+            // is served by fewer streams.
+            checkProgramTerminated();
+            contentLog.warnStream() << "Stream " << i + 1 << " of " << count << " not opened, going on with "
+                                    << streams.size() << ": " << e.what();
+            break;
         }
-        if (blockLeft_ <= 0 || blockLeft_ > kMaxBlock) failArchive(index, "the source host sent what is no archive");
-    } else if (line == "E" && fd_ >= 0) {
-        closeArchive();
-        if (++next_ < queue_.size()) reach(queue_[next_]);
-    } else if (line.compare(0, 2, "E ") == 0) {
-        failArchive(index, items_[index].remote + ": " + line.substr(2));
-    } else {
-        failArchive(index, "the source host sent what is no archive");
     }
+    contentLog.infoStream() << "Fetching " << toFetch_ << " bytes of " << fetched_.size() << " archive(s) over "
+                            << streams.size() << " stream(s)";
+    return streams;
 }
 
-void ContentTransfer::openArchive(std::size_t index) {
-    Item& item = items_[index];
-    current_ = index;
-    fd_ = item.dir.openOwn(part(item), O_RDWR | (item.from > 0 ? 0 : O_TRUNC), 0640).release();
-    md5_.reset(new BackgroundMd5());
-    received_ = 0;
-    // The part that is here already counts into the sum; read it once.
-    std::vector<char> buffer(1 << 16);
-    while (received_ < item.from) {
-        const ssize_t n = ::read(fd_, buffer.data(), static_cast<std::size_t>(std::min<int64_t>(buffer.size(), item.from - received_)));
-        if (n <= 0) break;
-        md5_->update(buffer.data(), static_cast<std::size_t>(n));
-        received_ += n;
+void ContentTransfer::keepSending(Stream& stream, ContentReceiver& receiver) {
+    if (stream.sender && !stream.sender->remote().ended()) return;
+    if (stream.sender) {
+        const CommandResult sent = stream.sender->result();
+        stream.sender.reset();
+        if (receiver.waiting(stream.index))
+            receiver.senderGone(stream.index, sent.status == kCommandNotFound ? "the source host has no perl to send it"
+                                              : sent.status == 0              ? "the source host ended the transfer early"
+                                                                              : sent.errors);
     }
-    if (received_ != item.from || ::lseek(fd_, received_, SEEK_SET) != received_) {
-        // What was asked for no longer fits the part: the proof will fail
-        // and the archive come again from its start.
-        contentLog.warnStream() << "The part of " << item.local << " changed while it was resumed";
-    }
+    if (!receiver.waiting(stream.index) && !receiver.anythingToAsk()) return;
+    stream.sender.reset(new ActionCommand(action_, CommandOptions(action_.agentDir()).quietOutput().quietInput(),
+                                          commandLine(perlRunning(remote::content_sender)), stream.input,
+                                          stream.output));
+    stream.ssh->start(stream.sender->remote());
 }
 
-void ContentTransfer::archiveData(const char* data, std::size_t length) {
-    const Item& item = items_[current_];
-    if (fd_ < 0) failArchive(current_, "the source host sent what is no archive");
-    if (received_ + static_cast<int64_t>(length) > item.record->size) {
-        // More than the list promised: none of it is written, and what came
-        // before is no part of the archive either.
-        const int64_t offered = received_ + static_cast<int64_t>(length);
-        abandonArchive(false);
-        throw VELMO_EXC(ContentFileMismatch) % item.record->name % item.record->size %
-            (item.record->md5sum.empty() ? "(none)" : item.record->md5sum) % ("more than " + decimal(offered - 1)) %
-            "(not computed)";
-    }
-    checkProgramTerminated();
-    for (std::size_t done = 0; done < length;) {
-        const ssize_t n = ::write(fd_, data + done, length - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            contentLog.errorStream() << "Writing " << part(item) << ": " << std::strerror(errno);
-            abandonArchive(false);
-            throw VELMO_EXC(StreamWrite);
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    md5_->update(data, length);
-    received_ += static_cast<int64_t>(length);
-    updater_(static_cast<int>(length));
-    fetched_ += static_cast<int64_t>(length);
-    progress_.update(item.record->name, fetched_, toFetch_);
+void ContentTransfer::saveStatus(const ContentReceiver& receiver) {
+    int64_t held = 0;
+    for (std::size_t i = 0; i < fetched_.size(); ++i) held += receiver.held(i);
+    const std::size_t current = receiver.current();
+    MigrationStatus& status = *action_.status;
+    if (current < fetched_.size()) status.setCurrentFile(fetched_[current]->name, decimal(fetched_[current]->size));
+    // The size left counts the archives that come, as they come; the ones
+    // here already stay in it.
+    const int64_t currentLeft = current < fetched_.size() ? fetched_[current]->size - receiver.held(current) : 0;
+    updater_.setLeft(updater_.totalSize() - held, currentLeft);
+    status.saveFile();
 }
 
-void ContentTransfer::closeArchive() {
-    const Item& item = items_[current_];
-    const int fd = fd_;
-    fd_ = -1;
-    if (::close(fd) != 0) {
-        item.dir.remove(part(item));
-        throw VELMO_EXC(StreamWrite);
-    }
-    const std::string sum = md5_->hex();
-    const bool whole = received_ == item.record->size && (item.record->md5sum.empty() || sameSum(sum, item.record->md5sum));
-    if (!whole) {
-        item.dir.remove(part(item));
-        if (item.from > 0) {
-            again_.push_back(current_);
-            items_[current_].from = 0;
-            return;
-        }
-        throw VELMO_EXC(ContentFileMismatch) % item.record->name % item.record->size %
-            (item.record->md5sum.empty() ? "(none)" : item.record->md5sum) % received_ % sum;
-    }
-    // The archive takes its name only once it is whole and proven; whatever
-    // stood under that name (a link included) is replaced.
-    if (::renameat(item.dir.fd(), part(item).c_str(), item.dir.fd(), item.leaf.c_str()) != 0) {
-        const std::string why = std::strerror(errno);
-        item.dir.remove(part(item));
-        throw VELMO_EXC(CantRetrieveContentFile) % item.remote % action_.cfg->host % item.local % why;
-    }
-    arrived_.push_back(item.record->name);
-    finish(current_);
-}
+// ------------------------------------------------------------- removal
 
-void ContentTransfer::failArchive(std::size_t index, const std::string& why) {
-    const Item& item = items_[index];
-    abandonArchive(received_ > 0);
-    throw VELMO_EXC(CantRetrieveContentFile) % item.remote % action_.cfg->host % item.local % why;
-}
-
-void ContentTransfer::abandonArchive(bool keep) {
-    if (fd_ < 0) return;
-    const Item& item = items_[current_];
-    ::close(fd_);
-    fd_ = -1;
-    if (!keep || item.record->md5sum.empty() || !md5_) item.dir.remove(part(item));
-}
-
-// Removes the archives that arrived whole on the source host, as root, in one
-// command that follows no link out of the agent directory
-// (remote/archive-remover.pl). Removal is best effort: each failure goes to
-// the debug log, nothing stops the run.
-bool ContentTransfer::removeArrived() {
+bool ContentTransfer::startRemoval() {
+    if (removal_ && !removal_->remote().ended()) return true;
+    endRemoval();
     if (arrived_.empty()) return true;
     std::string names;
     for (const std::string& name : arrived_) names += name + '\0';
+    removing_.swap(arrived_);
+    arrived_.clear();
+    removalNames_.reset(new TextInput(names));
+    removalOutput_ = BoundedText(1 << 20);
+    // Removed as root, following no link out of the agent directory
+    // (remote/archive-remover.pl).
+    removal_.reset(new ActionCommand(action_, CommandOptions(action_.agentDir()).asRoot().quietInput(),
+                                     commandLine(perlRunning(remote::archive_remover)), *removalNames_,
+                                     removalOutput_));
+    action_.getSsh()->start(removal_->remote());
+    return true;
+}
+
+// What a removal left: each failure goes to the debug log, nothing stops the
+// run.
+void ContentTransfer::endRemoval() {
+    if (!removal_ || !removal_->remote().ended()) return;
     const std::string& host = action_.cfg->host;
+    const std::string first = action_.agentDir() + "/" + (removing_.empty() ? std::string() : removing_.front());
     try {
-        const CommandResult removed = action_.run(CommandOptions(action_.agentDir()).asRoot().quietInput(),
-                                                  commandLine({"perl", "-e", remote::archive_remover}), names);
+        const CommandResult removed = removal_->result();
         if (removed.status == kCommandNotFound) {
             contentLog.warnStream() << "No perl on the source host: the archives that arrived stay there until the "
                                        "agent is removed";
         } else {
-            std::istringstream failures(removed.output);
+            std::istringstream failures(removalOutput_.str());
             std::string name, error;
             while (std::getline(failures, name, '\0') && std::getline(failures, error, '\0'))
                 debugLog(VELMO_EXC(UnableToRemoveRemoteFile) % (action_.agentDir() + "/" + name) % host % error);
-            if (removed.status != 0)
-                debugLog(VELMO_EXC(UnableToRemoveRemoteFile) % (action_.agentDir() + "/" + arrived_.front()) % host %
-                         removed.errors);
+            if (removed.status != 0) debugLog(VELMO_EXC(UnableToRemoveRemoteFile) % first % host % removed.errors);
         }
     } catch (const ExTraceable& e) {
         debugLog(e);
     } catch (const std::exception& e) {
-        debugLog((boost::format("Unable to remove remote file '%1%' from '%2%': %3%") % arrived_.front() % host %
-                  e.what()).str());
+        debugLog((boost::format("Unable to remove remote file '%1%' from '%2%': %3%") % first % host % e.what()).str());
     }
-    arrived_.clear();
-    return true;
+    removal_.reset();
+    removing_.clear();
+}
+
+void ContentTransfer::lastRemoval() noexcept {
+    try {
+        if (!removal_ && arrived_.empty()) return;
+        Ssh* ssh = action_.getSsh();
+        if (ssh->lost()) return;
+        const auto until = std::chrono::steady_clock::now() + kLastRemoval;
+        const auto left = [until] {
+            return std::chrono::duration_cast<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
+        };
+        if (removal_) ChannelLoop({ssh}).finish([this] { return removal_->remote().ended(); }, left());
+        endRemoval();
+        if (!arrived_.empty() && startRemoval())
+            ChannelLoop({ssh}).finish([this] { return !removal_ || removal_->remote().ended(); }, left());
+        endRemoval();
+    } catch (const std::exception& e) {
+        contentLog.warnStream() << "The last removal on the source host failed: " << e.what();
+    }
 }
 
 // ------------------------------------------------------------- action
@@ -620,6 +543,7 @@ void RetrieveContentAction::retrieve() {
     status->setTransferTotals(decimal(static_cast<int64_t>(records.size())), boost::lexical_cast<std::string>(total));
 
     FileRetrievalProgressUpdater updater(*status, static_cast<int64_t>(total), static_cast<int32_t>(records.size()));
+    status->saveFile();
     ContentTransfer(*this, updater, uid, gid).run(records);
 
     writeNameFile(session_names::DUMP_NAME, contentPath + "/dump.xml");

@@ -1,35 +1,38 @@
 // Content retrieval: the agent lists its content archives, they stream back
-// over one remote command, each proven by its size and MD5 sum before it
-// takes its name, and arrived archives are removed on the source host.
+// over one or several connections, each proven by its size and MD5 sum before
+// it takes its name, and arrived archives are removed on the source host.
 #ifndef VANTREL_RETRIEVE_CONTENT_H
 #define VANTREL_RETRIEVE_CONTENT_H
 
 #include <cstdint>
 #include <ctime>
 #include <string>
+#include <vector>
 
 #include "commons/local_files.h"
 #include "vantrel/actions.h"
 
 namespace velmo {
 
-// Counts the bytes of a content download into the migration status.
+// Keeps the migration status of a content transfer: the mean speed of the
+// run from the bytes counted, what is left in all and of the current archive.
+// The status file is saved by the transfer, at each archive's start and end.
 class FileRetrievalProgressUpdater : public Ssh::Counter {
 public:
     FileRetrievalProgressUpdater(MigrationStatus& status, int64_t totalSize, int32_t files);
+    // Bytes received in this run.
     void operator()(int bytes) override;
-
-    // A new archive of size bytes, of which already bytes are here.
-    void startFile(int64_t size, int64_t already = 0);
-    int32_t& filesLeft() { return filesLeft_; }
+    void setLeft(int64_t sizeLeft, int64_t currentFileLeft);
+    // One archive less to go: fetched, or here already.
+    void fileDone();
+    int64_t totalSize() const { return totalSize_; }
 
 private:
     MigrationStatus& status_;
     std::time_t start_;
+    int64_t totalSize_;
     int64_t transferred_;
-    int64_t sizeLeft_;
     int32_t filesLeft_;
-    int64_t currentFileLeft_;
 };
 
 class RetrieveContentAction : public Action {

@@ -143,6 +143,8 @@ void SendAgentAction::createDirectories() {
         "{ printf '%s' \"$d\"; exit 1; }; }; marker=; done";
     std::size_t done = 0;
     while (done < directories_.size()) {
+        // A failure names the directory it stopped at, or else the batch's first.
+        const std::string& first = directories_[done];
         std::vector<std::string> words{"sh", "-c", script, "sh", cfg->login, done == 0 ? AGENT_DIR_MARKER : ""};
         std::size_t length = 0;
         for (; done < directories_.size() && (length == 0 || length + directories_[done].size() < kDirectoryBatch);
@@ -153,7 +155,7 @@ void SendAgentAction::createDirectories() {
         }
         const CommandResult made = run(CommandOptions("/").asRoot(), commandLine(words));
         if (made.status != 0)
-            throw VELMO_EXC(CantCreateAgentDirectory) % (made.output.empty() ? words[6] : made.output) % made.errors;
+            throw VELMO_EXC(CantCreateAgentDirectory) % (made.output.empty() ? first : made.output) % made.errors;
     }
     directories_.clear();
 }
@@ -162,7 +164,7 @@ void SendAgentAction::copyFiles() {
     TreePacker packer(files_);
     BoundedText output;
     const CommandResult unpacked =
-        run(CommandOptions(agentDir()).quietInput(), commandLine({"perl", "-e", remote::agent_unpacker}), packer, output);
+        run(CommandOptions(agentDir()).quietInput(), commandLine(perlRunning(remote::agent_unpacker)), packer, output);
     const std::string out = output.str();
     if (unpacked.status == kCommandNotFound && out.empty()) {
         sendLog.info("No perl on the source host: the files go one by one");

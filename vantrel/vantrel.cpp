@@ -1,5 +1,7 @@
 #include "vantrel/vantrel.h"
 
+#include <cerrno>
+#include <cstring>
 #include <iostream>
 
 #include <unistd.h>
@@ -60,28 +62,6 @@ static int refuseBusySession(const config& cfg) {
 
 std::string getLogName(const config& cfg) {
     return cfg.action == ACTION_GET_CONTENT ? "transfer.result" : std::string();
-}
-
-void prepareDumpArguments(const config& cfg, std::vector<std::string>& arguments, std::string& standardInput) {
-    if (cfg.contentTransport == "rsync") {
-        standardInput += cfg.host + "\n" + cfg.login + "\n" + cfg.password + "\n" +
-                         (cfg.port == -1 ? std::string() : std::to_string(cfg.port)) + "\n";
-        arguments.push_back("--content-transport=rsync");
-    }
-    arguments.push_back("--migration-mode");
-    if (cfg.action != ACTION_DUMP_ALL) {
-        prepareDumpOptions(cfg, arguments, standardInput);
-        return;
-    }
-    // Everything is dumped; the options given on the command line go along,
-    // in the words --dump-selected uses for them.
-    arguments.push_back("--dump-all");
-    if (cfg.filter == OPT_BACKUP_FILTER_ONLY_MAIL) arguments.push_back("--only-mail");
-    if (cfg.filter == OPT_BACKUP_FILTER_ONLY_HOSTING) arguments.push_back("--only-hosting");
-    if (cfg.compression == OPT_BACKUP_COMPRESS_NONE) arguments.push_back("--no-compress");
-    if (cfg.server) arguments.push_back("--server");
-    if (cfg.adminInfo) arguments.push_back("--admin-info");
-    if (cfg.noLicense) arguments.push_back("--no-license");
 }
 
 Action* getActionByIdInternal(const config& cfg) {
@@ -158,7 +138,9 @@ int do_actions(config& cfg) {
 
 int real_main(int argc, char** argv) {
     hide_sudo_password();
-    autoprepend();
+    // A configuration file that cannot be read means the built-in defaults;
+    // the log of the run says so (the reader itself says nothing).
+    const int unreadConfiguration = autoprepend() == 0 ? 0 : (errno != 0 ? errno : EINVAL);
 
     config cfg;
     if (!parse_options(argc, argv, &cfg)) return 1;
@@ -185,6 +167,9 @@ int real_main(int argc, char** argv) {
     if (theSession->busy()) return refuseBusySession(cfg);
     DebugLogLifetimeController debugLog(cfg.verbose);
     StartStopLogger startStop("Vantrel", argc, argv);
+    if (unreadConfiguration != 0)
+        theDebugLog->log(std::string("The product configuration ") + kvaConfFileName() + " was not read (" +
+                         std::strerror(unreadConfiguration) + "): the built-in defaults apply");
     try {
         verify_options(&cfg);
     } catch (const Exc<&OptParsingError>& e) {

@@ -17,9 +17,6 @@ std::unique_ptr<Action> getActionById(const config& cfg);
 Action* getActionByIdInternal(const config& cfg);
 std::string getLogName(const config& cfg);
 
-// The agent's arguments and standard-input text for a dump action.
-void prepareDumpArguments(const config& cfg, std::vector<std::string>& arguments, std::string& standardInput);
-
 }  // namespace velmo
 
 #endif

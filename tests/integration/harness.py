@@ -131,7 +131,7 @@ class Run:
     """The binary, started in the background; finish() waits for it and
     leaves its exit code, output and peak memory (peak_kib)."""
 
-    def __init__(self, argv, env, stdin, session, tty=False):
+    def __init__(self, argv, env, stdin, session, tty=False, cwd=None):
         self.argv, self.session, self.tty = argv, session, None
         if tty:   # standard error on a terminal
             self.tty, slave = pty.openpty()
@@ -141,7 +141,7 @@ class Run:
             f.seek(0)
             # A hardened umask: what the binary hands to kvaadm must not depend on ours.
             self.proc = subprocess.Popen(argv, env=env, stdin=f, stdout=self.files[0],
-                                         stderr=slave if tty else self.files[1], umask=0o027)
+                                         stderr=slave if tty else self.files[1], umask=0o027, cwd=cwd)
         if tty:
             os.close(slave)
         self.pid = self.proc.pid

@@ -1,50 +1,29 @@
 """The tool as an operator installs and runs it: cmake --install, --version, the
 manual page, the terminal's extra text, the README's examples as they stand."""
-import contextlib
 import os
-import pty
 import pwd
 import re
 import shlex
 import shutil
-import socket
 import subprocess
-import sys
 import tempfile
 import textwrap
 import unittest
 import xml.etree.ElementTree as ET
 
-SOURCE = os.environ.get("VANTREL_SOURCE_DIR") or os.path.abspath(
-    os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
-BUILD = os.environ.get("VANTREL_BUILD_DIR") or os.path.join(SOURCE, "build", "test")
-KVA_CONF = os.environ.get("VANTREL_KVA_CONF") or os.path.join(BUILD, "test-root", "kva.conf")
-MANUAL = os.path.join(SOURCE, "doc", "vantrel.1")
-sys.path.insert(0, os.path.join(SOURCE, "tests", "testbed"))
-import testbed  # noqa: E402
+import harness as h
 
-PIPE = subprocess.PIPE
+MANUAL = os.path.join(h.SOURCE, "doc", "vantrel.1")
 
 
-def run(argv, terminal=False, **kw):
+def run(argv, terminal=False, env=None, cwd=None):
     """(exit code, stdout, stderr); stderr on a pseudo-terminal if terminal (CR LF read as LF)."""
-    if not terminal:
-        r = subprocess.run(argv, stdout=PIPE, stderr=PIPE, timeout=300, **kw)
-        return r.returncode, r.stdout, r.stderr
-    master, slave = pty.openpty()
-    with subprocess.Popen(argv, stdout=PIPE, stderr=slave, **kw) as p:
-        os.close(slave)
-        err = b""
-        with contextlib.suppress(OSError):  # EIO once the program has closed the terminal
-            while chunk := os.read(master, 4096):
-                err += chunk
-        os.close(master)
-        return p.wait(timeout=300), p.stdout.read(), err.replace(b"\r\n", b"\n")
+    r = h.Run(argv, os.environ if env is None else env, b"", None, terminal, cwd=cwd).finish()
+    return r.code, r.out, r.err.replace(b"\r\n", b"\n")
 
 
 def read(*path):
-    with open(os.path.join(*path)) as f:
-        return f.read()
+    return h.read(os.path.join(*path)).decode()
 
 
 class InstalledToolTest(unittest.TestCase):
@@ -54,30 +33,30 @@ class InstalledToolTest(unittest.TestCase):
         cls.tmp = tempfile.mkdtemp(prefix="vantrel-install-")
         cls.addClassCleanup(shutil.rmtree, cls.tmp)
         cls.prefix = os.path.join(cls.tmp, "prefix")
-        subprocess.run(["cmake", "--install", BUILD, "--prefix", cls.prefix], check=True, stdout=PIPE)
+        subprocess.run(["cmake", "--install", h.BUILD, "--prefix", cls.prefix], check=True, stdout=subprocess.PIPE)
         cls.bin = os.path.join(cls.prefix, "bin", "vantrel")
-        # The test build reads KVA_CONF: the installed example goes there as it is.
-        cls.saved_conf = read(KVA_CONF) if os.path.exists(KVA_CONF) else None
-        os.makedirs(os.path.dirname(KVA_CONF), exist_ok=True)
-        shutil.copyfile(os.path.join(cls.prefix, "etc", "kva.conf.example"), KVA_CONF)
+        # The test build reads h.KVA_CONF: the installed example goes there as it is.
+        cls.saved_conf = read(h.KVA_CONF) if os.path.exists(h.KVA_CONF) else None
+        os.makedirs(os.path.dirname(h.KVA_CONF), exist_ok=True)
+        shutil.copyfile(os.path.join(cls.prefix, "etc", "kva.conf.example"), h.KVA_CONF)
 
     @classmethod
     def tearDownClass(cls):
         if cls.saved_conf is None:
-            os.unlink(KVA_CONF)
+            os.unlink(h.KVA_CONF)
         else:
-            with open(KVA_CONF, "w") as f:
+            with open(h.KVA_CONF, "w") as f:
                 f.write(cls.saved_conf)
 
     def test_install_tree_version_and_manual(self):
-        settings = [line.split() for line in read(KVA_CONF).splitlines() if line.strip() and line[0] != "#"]
+        settings = [line.split() for line in read(h.KVA_CONF).splitlines() if line.strip() and line[0] != "#"]
         self.assertEqual([["PRODUCT_ROOT_D", self.prefix]], settings)
         # With it, a run finds the logging configuration in the installed tree.
         session = os.path.join(self.tmp, "first-run")
         self.assertEqual((0, b"", b""), run([self.bin, "--remove-dumping-status", "--session-path", session]))
         self.assertIn("Vantrel finished. Exit code: 0", read(session, "migration.log"))
 
-        version = re.search(r"project\(vantrel VERSION (\S+)", read(SOURCE, "CMakeLists.txt")).group(1)
+        version = re.search(r"project\(vantrel VERSION (\S+)", read(h.SOURCE, "CMakeLists.txt")).group(1)
         session = os.path.join(self.tmp, "version")
         self.assertEqual((0, ("vantrel %s\n" % version).encode(), b""),
                          run([self.bin, "--version", "--session-path", session]))
@@ -86,51 +65,47 @@ class InstalledToolTest(unittest.TestCase):
         # The manual page: installed, clean for groff, naming every option.
         manual = read(MANUAL)
         self.assertEqual(manual, read(self.prefix, "share", "man", "man1", "vantrel.1"))
-        self.assertEqual(b"", subprocess.run(["groff", "-man", "-ww", "-z", MANUAL], stderr=PIPE).stderr)
+        self.assertEqual(b"", subprocess.run(["groff", "-man", "-ww", "-z", MANUAL], stderr=subprocess.PIPE).stderr)
         usage = run([self.bin, "--help"])[1].decode()
         for option in set(re.findall(r"--[a-z-]+", usage)) | {"--version"}:
             self.assertIn(option, manual.replace("\\-", "-"))
 
     def test_terminal_adds_reasons_and_causes(self):
-        with socket.socket() as s:
-            s.bind((testbed.HOST, 0))
-            closed = str(s.getsockname()[1])
-        login = ["--host", testbed.HOST, "--login", testbed.USER]
+        closed = str(h.free_port())
+        login = ["--host", h.HOST, "--login", h.USER]
         agent = ["--agent-dir", "/nonexistent", "--agent-name", "sample"]
         refused = b"No one listening on the remote address at host 127.0.0.1"
         cases = [  # arguments, KVA_PASSWORD, exit code, stderr through a pipe, what a terminal adds
-            (["--send-scout", "--port=0x"] + login, testbed.PASSWORD, 1, b"",
+            (["--send-scout", "--port=0x"] + login, h.PASSWORD, 1, b"",
              b"Unable to parse command line: port should be a number in [1, 65535] range\nSee --help.\n"),
             (["--send-scout"] + login, None, 1, b"",
              b"Unable to parse command line: password is required unless --help or -h requested\nSee --help.\n"),
-            (["--send-scout", "--agent-name=sample"] + login, testbed.PASSWORD, 1, b"",
+            (["--send-scout", "--agent-name=sample"] + login, h.PASSWORD, 1, b"",
              b"Unable to parse command line: agent name is not allowed with --help or -h\nSee --help.\n"),
-            (["--get-content", "--port", closed] + login + agent, testbed.PASSWORD, 2,
+            (["--get-content", "--port", closed] + login + agent, h.PASSWORD, 2,
              b"Error during dump retrieval", b"\n  caused by: " + refused + b"\n"),
-            (["--send-scout", "--port", closed] + login, testbed.PASSWORD, 11, refused, b"\n"),
+            (["--send-scout", "--port", closed] + login, h.PASSWORD, 11, refused, b"\n"),
         ]
         for args, password, code, piped, added in cases:
             with self.subTest(args=args):
-                env = {k: v for k, v in os.environ.items() if k != "KVA_PASSWORD"}
-                if password is not None:
-                    env["KVA_PASSWORD"] = password
+                env = h.environment(password)
                 argv = [self.bin] + args + ["--session-path", tempfile.mkdtemp(dir=self.tmp)]
                 self.assertEqual((code, b"", piped), run(argv, env=env))
                 self.assertEqual((code, b"", piped + added), run(argv, True, env=env))
 
     def test_readme_examples_run_as_typed(self):
-        readme = read(SOURCE, "README.md")
+        readme = read(h.SOURCE, "README.md")
         script = textwrap.dedent(re.search(r"\n(    export KVA_PASSWORD=.*\n(?:(?:    .*)?\n)*)", readme).group(1))
         objects = re.search(r"\n(    <selected-objects>\n(?:    .*\n)*?    </selected-objects>\n)", readme).group(1)
-        testbed.ensure_accounts()
-        server = testbed.SshServer("default").start()
+        h.ensure_accounts()
+        server = h.SshServer("default").start()
         self.addCleanup(server.stop)
 
         # The source host's side: the sample data, and the agent's setting that names it.
         data, work = os.path.join(self.tmp, "sample-host"), os.path.join(self.tmp, "work")
-        subprocess.run([os.path.join(SOURCE, "tests", "fixtures", "sample-host", "make-sample-host"), data],
-                       check=True, stdout=PIPE)
-        user = pwd.getpwnam(testbed.USER)
+        subprocess.run([os.path.join(h.SOURCE, "tests", "fixtures", "sample-host", "make-sample-host"), data],
+                       check=True, stdout=subprocess.PIPE)
+        user = pwd.getpwnam(h.USER)
         agent_dir = os.path.join(user.pw_dir, "vantrel-readme-%d" % os.getpid())
         self.addCleanup(shutil.rmtree, agent_dir, True)
         for path, text in [(os.path.join(agent_dir, "sample-agent.conf"), "data=%s\n" % data),
@@ -140,18 +115,18 @@ class InstalledToolTest(unittest.TestCase):
                 f.write(text)
         os.chown(agent_dir, user.pw_uid, user.pw_gid)
 
-        password = shlex.quote(testbed.PASSWORD)
+        password = shlex.quote(h.PASSWORD)
         for old, new in [("KVA_PASSWORD=...", "KVA_PASSWORD=" + password),
                          ("KVA_SUDO_PASSWORD=...", "KVA_SUDO_PASSWORD=" + password),
-                         ("--host src.example.net", "--host %s --port %d" % (testbed.HOST, server.port)),
-                         ("--login admin", "--login " + testbed.USER),
+                         ("--host src.example.net", "--host %s --port %d" % (h.HOST, server.port)),
+                         ("--login admin", "--login " + h.USER),
                          ("/home/admin/migration-agent", agent_dir),
                          ("/var/lib/kva/", self.tmp + "/")]:
             self.assertIn(old, script)
             script = script.replace(old, new)
         env = dict(os.environ, PATH=os.path.join(self.prefix, "bin") + ":" + os.environ["PATH"])
         code, out, err = run(["bash", "-ec", "trap 'echo \"failed: $BASH_COMMAND\" >&2' ERR\n" + script],
-                             cwd=work, env=env)
+                             env=env, cwd=work)
         self.assertEqual(0, code, err.decode(errors="replace"))
         self.assertRegex(out, rb"^Usage: (.|\n)*\nvantrel \S+\n$")
         # The archives of the last dump arrived; the agent is gone from the source host.

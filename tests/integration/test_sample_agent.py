@@ -2,6 +2,7 @@
 agent from a directory laid out as a deployment lays it out, on the sample
 host data."""
 import os
+import re
 import shutil
 import subprocess
 import tarfile
@@ -109,6 +110,10 @@ class SampleAgentTest(unittest.TestCase):
             self.assertEqual(str(sum(1 for line in f if line.count(":") >= 6)), root.find("accounts").get("total"))
         self.assertEqual([("tar", "true"), ("gzip", "true")],
                          [(p.get("name"), p.get("present")) for p in root.iter("program")])
+        # The scout runs alone, so it has an XML escaper of its own: the agent's, to the letter.
+        escapers = [re.search(r"^sub xml_escape \{.*?^\}", h.read(os.path.join(*path)).decode(), re.S | re.M).group(0)
+                    for path in ((h.SOURCE, "product", "QMV", "scout.pl"), (AGENTS, "shared", "lib", "Vantrel", "Sample.pm"))]
+        self.assertEqual(escapers[0], escapers[1])
 
 
 class RemoteProgramTest(unittest.TestCase):

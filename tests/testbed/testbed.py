@@ -264,16 +264,13 @@ class _Interface(paramiko.ServerInterface):
 
     def _exec(self, channel, command):
         pw = pwd.getpwnam(self.user)
-        with tempfile.TemporaryFile() as stdin, contextlib.suppress(OSError, EOFError):
-            # The client sends the whole of its input before it reads.
-            for data in iter(lambda: channel.recv(65536), b""):
-                stdin.write(data)
-            stdin.seek(0)
-            with subprocess.Popen([pw.pw_shell, "-c", command], cwd=pw.pw_dir, start_new_session=True, stdin=stdin,
-                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, user=pw.pw_uid, group=pw.pw_gid,
-                                  extra_groups=os.getgrouplist(pw.pw_name, pw.pw_gid),
+        with contextlib.suppress(OSError, EOFError):
+            with subprocess.Popen([pw.pw_shell, "-c", command], cwd=pw.pw_dir, start_new_session=True,
+                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, user=pw.pw_uid,
+                                  group=pw.pw_gid, extra_groups=os.getgrouplist(pw.pw_name, pw.pw_gid),
                                   env={"HOME": pw.pw_dir, "USER": self.user, "LOGNAME": self.user, "LANG": "C",
                                        "PATH": "/usr/local/bin:/usr/bin:/bin"}) as proc:
+                threading.Thread(target=self._feed, args=(channel, proc.stdin), daemon=True).start()
                 self.server.held.append(proc)
                 sent = 0
                 for data in iter(lambda: proc.stdout.read1(65536), b""):
@@ -287,5 +284,14 @@ class _Interface(paramiko.ServerInterface):
                     channel.sendall(data)
                     sent += len(data)
                 channel.sendall_stderr(proc.stderr.read())
-                channel.send_exit_status(proc.wait())
+                status = proc.wait()
+                channel.send_exit_status(status if status >= 0 else 128 - status)
                 channel.close()
+
+    @staticmethod
+    def _feed(channel, stdin):
+        """The command's input as it comes."""
+        with contextlib.suppress(OSError, EOFError), stdin:
+            for data in iter(lambda: channel.recv(65536), b""):
+                stdin.write(data)
+                stdin.flush()

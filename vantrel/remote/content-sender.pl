@@ -1,9 +1,10 @@
 # Sends content archives of the agent directory (its working directory) back
-# to vantrel, as the login, like the "cat" it stands for. The requests come on
-# standard input, each "<offset> <path>" ended by a NUL; the answers follow one
-# after the other on standard output: "S <size>" once the file is open, blocks
-# "D <length>" each followed by that many bytes from <offset> on, then "E" when
-# the file is through, or "E <error>" when it cannot be opened or read. A path
+# to vantrel, as the login, like the "cat" it stands for. Requests come on
+# standard input one after the other, each "<offset> <length> <path>" ended by
+# a NUL, and are answered in their order on standard output: "S <size>" once
+# the file is open (its whole size), blocks "D <length>" each followed by that
+# many bytes, from <offset> on and <length> bytes at most, then "E" when they
+# are through, or "E <error>" when the file cannot be opened or read. A path
 # that leads out of the agent directory, through a link on the way or as a
 # link itself, is not read.
 use strict;
@@ -13,11 +14,12 @@ use Fcntl qw(O_RDONLY O_NOFOLLOW SEEK_SET);
 
 binmode STDIN;
 binmode STDOUT;
+$| = 1;
 my $top = realpath(getcwd()) or die "vantrel: no working directory: $!\n";
-my @wanted = do { local $/ = "\0"; <STDIN> };
-for my $request (@wanted) {
-    chop $request;
-    my ($from, $path) = split / /, $request, 2;
+local $/ = "\0";
+while (my $request = <STDIN>) {
+    chomp $request;
+    my ($from, $left, $path) = split / /, $request, 3;
     my $real = realpath($path);
     my $file;
     if (!defined $real) {
@@ -28,8 +30,11 @@ for my $request (@wanted) {
         print "E $!\n";
     } else {
         print 'S ', -s $file, "\n";
-        my ($n, $data);
-        print "D $n\n", $data while $n = sysread($file, $data, 1 << 20);
+        my ($n, $data) = (1);
+        while ($left > 0 && ($n = sysread($file, $data, $left < 1048576 ? $left : 1048576))) {
+            print "D $n\n", $data;
+            $left -= $n;
+        }
         print defined $n ? "E\n" : "E $!\n";
         close $file;
     }

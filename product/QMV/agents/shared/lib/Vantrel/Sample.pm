@@ -43,6 +43,8 @@ sub read_settings {
     return \%settings;
 }
 
+# Text for XML; the same as xml_escape of the scout, which runs apart from this one
+# (a test holds the two the same).
 sub xml_escape {
     my ($text) = @_;
     $text = '' unless defined $text;
@@ -51,6 +53,7 @@ sub xml_escape {
     $text =~ s/>/&gt;/g;
     $text =~ s/"/&quot;/g;
     $text =~ s/'/&apos;/g;
+    $text =~ s/[\x00-\x08\x0b\x0c\x0e-\x1f]/?/g;    # not allowed in XML 1.0
     return $text;
 }
 

@@ -1,0 +1,71 @@
+// One content archive on its way into "<name>.part" beside its final name.
+#ifndef VANTREL_ARCHIVE_WRITER_H
+#define VANTREL_ARCHIVE_WRITER_H
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "commons/checksum.h"
+#include "commons/local_files.h"
+
+namespace velmo {
+
+// Bytes are written where they belong, and may come in any order (byte ranges
+// over several streams); the MD5 sum follows the part that has no gap from
+// the start. The archive takes its name only once it is whole and proven.
+//
+// While bytes lie beyond a gap, the part carries the length without a gap in
+// its extended attribute "user.vantrel.whole", so that a run killed then is
+// continued from there, never across the gap. A file system without
+// extended attributes takes the archive's bytes in order only (takesRanges).
+class ArchiveWriter {
+public:
+    // How much of the part under name in dir the next run can trust: its
+    // length, or less when it has gaps; -1 when there is none.
+    static int64_t resumable(const Directory& dir, const std::string& name);
+
+    // Opens the part (a link or a foreign file there is replaced, the file is
+    // kvaadm's) and takes its first from bytes as they are.
+    ArchiveWriter(const Directory& dir, const std::string& name, int64_t size, int64_t from);
+    // Unless finished or dropped, cuts the part to its bytes without a gap
+    // and keeps it for the next run.
+    ~ArchiveWriter();
+    ArchiveWriter(const ArchiveWriter&) = delete;
+    ArchiveWriter& operator=(const ArchiveWriter&) = delete;
+
+    bool takesRanges() const { return ranges_; }
+    // Exc<&StreamWrite> (the disk is full, say), after which the writer is
+    // spent; the bytes must lie within the archive and not be here yet.
+    void write(int64_t offset, const char* data, std::size_t length);
+    // Bytes from the start without a gap, and bytes here in all.
+    int64_t whole() const { return whole_; }
+    int64_t held() const { return held_; }
+    // The MD5 sum of the first whole() bytes; the writer takes no more.
+    std::string sum();
+    // Gives the part its name (whatever stood there is replaced).
+    void finish();
+    // Removes the part.
+    void drop();
+
+private:
+    void recordGap();
+
+    Directory dir_;
+    std::string name_;
+    std::string part_;
+    int64_t size_;
+    Fd fd_;
+    bool ranges_;
+    int64_t whole_;
+    int64_t held_;
+    int64_t recordedWhole_ = -1;
+    std::map<int64_t, int64_t> beyond_;  // ranges past a gap: start -> end
+    std::unique_ptr<BackgroundMd5> md5_;
+    bool done_ = false;
+};
+
+}  // namespace velmo
+
+#endif
