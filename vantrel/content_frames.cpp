@@ -10,13 +10,14 @@ namespace {
 
 // A decimal number and nothing else, within limit; -1 otherwise.
 int64_t number(const std::string& text, int64_t limit) {
-    if (text.empty() || text.size() > 19) return -1;
+    if (text.empty()) return -1;
     int64_t value = 0;
     for (const char c : text) {
-        if (!std::isdigit(static_cast<unsigned char>(c))) return -1;
-        value = value * 10 + (c - '0');
+        const int digit = c - '0';
+        if (!std::isdigit(static_cast<unsigned char>(c)) || value > (limit - digit) / 10) return -1;
+        value = value * 10 + digit;
     }
-    return value <= limit ? value : -1;
+    return value;
 }
 
 SenderEvent garbled(const std::string& why) {
