@@ -235,6 +235,9 @@ extern const ExTag CantWriteRemoteFile;
 extern const ExTag UnsafeContentFileName;
 // A link where vantrel, as root, expected a file or a directory of its own.
 extern const ExTag LinkNotFollowed;
+// A private key file that cannot be used for the login (its exit code is
+// that of refused credentials).
+extern const ExTag SshKeyUnusable;
 // A second run on a session that another run holds.
 extern const ExTag SessionBusy;
 // Content names that would land on a session file or on each other.

@@ -4,7 +4,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <cerrno>
+
 #include <netdb.h>
+#include <unistd.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -205,47 +208,13 @@ void Session::getAuthMethodsList(const std::string& login, std::vector<std::stri
     }
 }
 
-void Session::authorize(const std::string& login, const std::string& password) {
-    sessionLogger.debugStream() << "Requested authorization for user " << login;
+void Session::authorize(const Credentials& credentials) {
+    sessionLogger.debugStream() << "Requested authorization for user " << credentials.login;
     std::vector<std::string> methods;
     armLoginTimeout("authentication");
-    getAuthMethodsList(login, methods);
-    const auto offered = [&methods](const char* name) {
-        return std::find(methods.begin(), methods.end(), name) != methods.end();
-    };
-
-    bool authenticated = false;
-    if (offered("password")) {
-        sessionLogger.debugStream() << "Trying 'password' authentication";
-        armLoginTimeout("authentication");
-        const int rc = libssh2_userauth_password_ex(get(), login.c_str(), static_cast<unsigned>(login.size()),
-                                                    password.c_str(), static_cast<unsigned>(password.size()),
-                                                    nullptr);
-        // A peer that stopped answering gets no second method.
-        if (rc == LIBSSH2_ERROR_TIMEOUT)
-            checkLoginTimeout("authentication");
-        if (rc == 0) {
-            sessionLogger.debugStream() << "Authenticated succesfully";
-            authenticated = true;
-        }
-    }
-    if (!authenticated && offered("keyboard-interactive")) {
-        sessionLogger.debugStream() << "Trying 'keyboard-interactive' authentication";
-        void** slot = libssh2_session_abstract(get());
-        *slot = const_cast<std::string*>(&password);
-        armLoginTimeout("authentication");
-        const int rc = libssh2_userauth_keyboard_interactive_ex(get(), login.c_str(),
-                                                                static_cast<unsigned>(login.size()),
-                                                                &Session::userauth_callback);
-        *slot = nullptr;
-        if (rc == LIBSSH2_ERROR_TIMEOUT)
-            checkLoginTimeout("authentication");
-        if (rc == 0) {
-            sessionLogger.debugStream() << "Authenticated successfully";
-            authenticated = true;
-        }
-    }
-    if (!authenticated) {
+    getAuthMethodsList(credentials.login, methods);
+    const bool keys = std::find(methods.begin(), methods.end(), "publickey") != methods.end();
+    if (!(keys && byKeyFile(credentials)) && !(keys && byAgent(credentials)) && !byPassword(credentials, methods)) {
         sessionLogger.errorStream() << "Authentication failed";
         throw VELMO_EXC(SshAuthorizationFailed);
     }
@@ -254,6 +223,87 @@ void Session::authorize(const std::string& login, const std::string& password) {
         create_reserve_channel();
     }
     endLoginTimeout();
+}
+
+bool Session::byKeyFile(const Credentials& credentials) {
+    if (credentials.keyFile.empty()) return false;
+    sessionLogger.debugStream() << "Trying 'publickey' authentication with " << credentials.keyFile;
+    // The library says little about a key it cannot read: look first.
+    if (::access(credentials.keyFile.c_str(), R_OK) != 0)
+        throw VELMO_EXC(SshKeyUnusable) % credentials.keyFile % std::strerror(errno);
+    armLoginTimeout("authentication");
+    const int rc = libssh2_userauth_publickey_fromfile_ex(
+        get(), credentials.login.c_str(), static_cast<unsigned>(credentials.login.size()), nullptr,
+        credentials.keyFile.c_str(), credentials.passphrase.empty() ? nullptr : credentials.passphrase.c_str());
+    if (rc == 0) return true;
+    checkLoginTimeout("authentication");
+    if (rc == LIBSSH2_ERROR_FILE)
+        throw VELMO_EXC(SshKeyUnusable) % credentials.keyFile %
+            (credentials.passphrase.empty() ? "no such key, or one that needs a passphrase (KVA_KEY_PASSPHRASE)"
+                                            : "no such key, or not this passphrase");
+    sessionLogger.debugStream() << "The host refused the key " << credentials.keyFile << ": " << lastError();
+    return false;
+}
+
+bool Session::byAgent(const Credentials& credentials) {
+    if (!credentials.agent) return false;
+    LIBSSH2_AGENT* agent = libssh2_agent_init(get());
+    if (agent == nullptr) return false;
+    bool done = false;
+    armLoginTimeout("authentication");
+    if (libssh2_agent_connect(agent) != 0 || libssh2_agent_list_identities(agent) != 0) {
+        sessionLogger.warnStream() << "The ssh-agent of SSH_AUTH_SOCK cannot be used: " << lastError();
+    } else {
+        libssh2_agent_publickey* identity = nullptr;
+        while (!done && libssh2_agent_get_identity(agent, &identity, identity) == 0) {
+            sessionLogger.debugStream() << "Trying 'publickey' authentication with the agent's key "
+                                        << (identity->comment ? identity->comment : "");
+            armLoginTimeout("authentication");
+            done = libssh2_agent_userauth(agent, credentials.login.c_str(), identity) == 0;
+            if (!done) checkLoginTimeout("authentication");
+        }
+    }
+    libssh2_agent_disconnect(agent);
+    libssh2_agent_free(agent);
+    return done;
+}
+
+bool Session::byPassword(const Credentials& credentials, const std::vector<std::string>& methods) {
+    const auto offered = [&methods](const char* name) {
+        return std::find(methods.begin(), methods.end(), name) != methods.end();
+    };
+    const std::string& login = credentials.login;
+    const std::string& password = credentials.password;
+    if (password.empty()) return false;
+    if (offered("password")) {
+        sessionLogger.debugStream() << "Trying 'password' authentication";
+        armLoginTimeout("authentication");
+        const int rc = libssh2_userauth_password_ex(get(), login.c_str(), static_cast<unsigned>(login.size()),
+                                                    password.c_str(), static_cast<unsigned>(password.size()),
+                                                    nullptr);
+        // A peer that stopped answering gets no second method.
+        if (rc == LIBSSH2_ERROR_TIMEOUT) checkLoginTimeout("authentication");
+        if (rc == 0) {
+            sessionLogger.debugStream() << "Authenticated succesfully";
+            return true;
+        }
+    }
+    if (offered("keyboard-interactive")) {
+        sessionLogger.debugStream() << "Trying 'keyboard-interactive' authentication";
+        void** slot = libssh2_session_abstract(get());
+        *slot = const_cast<std::string*>(&password);
+        armLoginTimeout("authentication");
+        const int rc = libssh2_userauth_keyboard_interactive_ex(get(), login.c_str(),
+                                                                static_cast<unsigned>(login.size()),
+                                                                &Session::userauth_callback);
+        *slot = nullptr;
+        if (rc == LIBSSH2_ERROR_TIMEOUT) checkLoginTimeout("authentication");
+        if (rc == 0) {
+            sessionLogger.debugStream() << "Authenticated successfully";
+            return true;
+        }
+    }
+    return false;
 }
 
 void Session::userauth_callback(const char* /*name*/, int /*name_len*/, const char* /*instruction*/,
@@ -274,8 +324,9 @@ void Session::userauth_callback(const char* /*name*/, int /*name_len*/, const ch
     }
 }
 
-LIBSSH2_CHANNEL* Session::openChannel() {
-    const double window = std::min<double>(kMaxWindow, std::max<double>(kMinWindow, roundTripMs_ * kDrainBytesPerMs));
+LIBSSH2_CHANNEL* Session::openChannel(unsigned maxWindow) {
+    const double window = std::min<double>(
+        maxWindow, std::min<double>(kMaxWindow, std::max<double>(kMinWindow, roundTripMs_ * kDrainBytesPerMs)));
     return libssh2_channel_open_ex(get(), "session", 7, static_cast<unsigned>(window), kPacketSize, nullptr, 0);
 }
 

@@ -22,6 +22,16 @@ void qmv_libssh2_session_free(LIBSSH2_SESSION* session);
 // Whether a library error means that the connection itself is gone.
 bool isConnectionLost(int error);
 
+// What a login may use, in the order it is tried: a private key file, the
+// keys of the running ssh-agent, then the password.
+struct Credentials {
+    std::string login;
+    std::string password;    // empty: none
+    std::string keyFile;     // empty: none
+    std::string passphrase;  // of the key file
+    bool agent = false;      // the ssh-agent that SSH_AUTH_SOCK names
+};
+
 class Channel : public Handle<LIBSSH2_CHANNEL*, &qmv_libssh2_channel_free,
                               DefaultValidationPolicy<LIBSSH2_CHANNEL*> > {
 public:
@@ -52,9 +62,12 @@ public:
 
     // The authentication methods the server allows for login, split at ",".
     void getAuthMethodsList(const std::string& login, std::vector<std::string>& methods);
-    // Tries "password", then "keyboard-interactive" with the same password,
-    // each at most once; throws Exc<&SshAuthorizationFailed>.
-    void authorize(const std::string& login, const std::string& password);
+    // Tries the key file, the agent's keys (when the server offers
+    // "publickey"), then "password" and "keyboard-interactive" with the
+    // password, each at most once. Throws Exc<&SshAuthorizationFailed>, or
+    // Exc<&SshKeyUnusable> for a key file that cannot be read or opened
+    // (an encrypted one without its passphrase, say).
+    void authorize(const Credentials& credentials);
 
     // Keyboard-interactive callback: answers every prompt with the password
     // that authorize left in the session's abstract slot.
@@ -67,9 +80,9 @@ public:
     // for the peer (lastErrno() is LIBSSH2_ERROR_EAGAIN; call again with
     // nothing else sent meanwhile), or when the peer refused it. Its receive
     // window covers what the link can carry in one round trip (from 2 MiB on
-    // short links up to 15 MiB), its packets are 32 KiB. One channel opens at
-    // a time.
-    LIBSSH2_CHANNEL* openChannel();
+    // short links up to 15 MiB, maxWindow at most), its packets are 32 KiB.
+    // One channel opens at a time.
+    LIBSSH2_CHANNEL* openChannel(unsigned maxWindow = 15u << 20);
     // A channel asked for at since has opened: one more measure of the link.
     void channelOpened(std::chrono::steady_clock::time_point since) { sawRoundTrips(since, 1); }
 
@@ -98,6 +111,9 @@ public:
     double roundTripMs() const { return roundTripMs_; }
 
 private:
+    bool byKeyFile(const Credentials& credentials);
+    bool byAgent(const Credentials& credentials);
+    bool byPassword(const Credentials& credentials, const std::vector<std::string>& methods);
     void sawRoundTrips(std::chrono::steady_clock::time_point since, int trips);
 
     // Gives the library what is left of the login time for its next call,

@@ -47,8 +47,12 @@ int connectStoppably(int fd, const addrinfo* address) {
 addrinfo* Socket::gethostbyname(const std::string& host, unsigned short port) {
     logger.errorStream() << "Resolving " << host;
     const std::string service = std::to_string(static_cast<unsigned>(port));
+    // An IPv6 literal may come in brackets, as in URLs and OpenSSH's
+    // configuration ("[::1]"); the resolver takes it bare.
+    const bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
+    const std::string name = bracketed ? host.substr(1, host.size() - 2) : host;
     addrinfo* list = nullptr;
-    const int code = getaddrinfo(host.c_str(), service.c_str(), nullptr, &list);
+    const int code = getaddrinfo(name.c_str(), service.c_str(), nullptr, &list);
     if (code == 0)
         return list;
     const std::string reason = gai_strerror(code);

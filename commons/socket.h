@@ -21,9 +21,10 @@ public:
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
 
-    // The resolver's address list for host and port; the caller frees it with
-    // freeaddrinfo. Throws Exc<&HostNotFound> and writes the resolver's text
-    // on standard error.
+    // The resolver's address list for host (a name, an address, or an IPv6
+    // address in brackets) and port; the caller frees it with freeaddrinfo.
+    // Throws Exc<&HostNotFound> and writes the resolver's text on standard
+    // error.
     static addrinfo* gethostbyname(const std::string& host, unsigned short port);
 
     // The connected descriptor.

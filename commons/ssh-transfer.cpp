@@ -1,6 +1,8 @@
 #include "commons/ssh-transfer.h"
 
 #include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -45,6 +47,47 @@ Counter::~Counter() {}
 Ssh::NullCounter Ssh::null_counter;
 
 ExecOptions::ExecOptions() : counter(&Ssh::null_counter) {}
+
+// ------------------------------------------------------------------ rate
+
+long long RateLimit::rate_ = 0;
+double RateLimit::tokens_ = 0;
+std::chrono::steady_clock::time_point RateLimit::filled_;
+
+// The least a capped read or write moves, so that a slow rate does not turn
+// into a stream of tiny packets.
+static const std::size_t kLeastMove = 4096;
+
+void RateLimit::set(long long bytesPerSecond) {
+    rate_ = bytesPerSecond > 0 ? bytesPerSecond : 0;
+    tokens_ = 0;
+    filled_ = std::chrono::steady_clock::now();
+}
+
+void RateLimit::refill() {
+    const auto now = std::chrono::steady_clock::now();
+    tokens_ = std::min(tokens_ + std::chrono::duration<double>(now - filled_).count() * static_cast<double>(rate_),
+                       std::max(static_cast<double>(rate_) / 10, static_cast<double>(kLeastMove)));
+    filled_ = now;
+}
+
+std::size_t RateLimit::allow(std::size_t want) {
+    if (rate_ == 0) return want;
+    refill();
+    const std::size_t may = static_cast<std::size_t>(std::max(0.0, tokens_));
+    return may >= std::min(want, kLeastMove) ? std::min(want, may) : 0;
+}
+
+void RateLimit::spend(std::size_t bytes) {
+    if (rate_ != 0) tokens_ -= static_cast<double>(bytes);
+}
+
+long RateLimit::wait() {
+    if (rate_ == 0) return 0;
+    refill();
+    const double missing = static_cast<double>(kLeastMove) - tokens_;
+    return missing <= 0 ? 0 : std::max(1L, static_cast<long>(1000 * missing / static_cast<double>(rate_)));
+}
 
 volatile std::sig_atomic_t isProgramTerminated = 0;
 
@@ -141,6 +184,13 @@ void pump_write(IOWriteChannel& to, const char* data, int length) {
     }
 }
 
+static libssh2pp::Credentials passwordOnly(const std::string& login, const std::string& password) {
+    libssh2pp::Credentials credentials;
+    credentials.login = login;
+    credentials.password = password;
+    return credentials;
+}
+
 // The login time-out in seconds: a whole number from 1 to a day in
 // $VANTREL_SSH_LOGIN_TIMEOUT, or the default.
 static long loginTimeoutSec() {
@@ -159,10 +209,15 @@ static long loginTimeoutSec() {
 }
 
 Ssh::Ssh(const std::string& host, const std::string& login, const std::string& password,
-         bool disableEncryption, unsigned short port) {
-    addSecret(password);
+         bool disableEncryption, unsigned short port)
+    : Ssh(host, port, passwordOnly(login, password), disableEncryption) {}
+
+Ssh::Ssh(const std::string& host, unsigned short port, const libssh2pp::Credentials& credentials,
+         bool disableEncryption) {
+    addSecret(credentials.password);
+    addSecret(credentials.passphrase);
     try {
-        logIn(host, login, password, disableEncryption, port);
+        logIn(host, port, credentials, disableEncryption);
     } catch (const ExTraceable&) {
         // A stop request cuts the library's waits short: what fails then
         // fails because of the stop.
@@ -171,8 +226,8 @@ Ssh::Ssh(const std::string& host, const std::string& login, const std::string& p
     }
 }
 
-void Ssh::logIn(const std::string& host, const std::string& login, const std::string& password,
-                bool disableEncryption, unsigned short port) {
+void Ssh::logIn(const std::string& host, unsigned short port, const libssh2pp::Credentials& credentials,
+                bool disableEncryption) {
     const long limitMs = loginTimeoutSec() * 1000;
     const auto start = std::chrono::steady_clock::now();
     logger.debugStream() << "SSH handshake and authentication may take up to " << limitMs / 1000 << " s";
@@ -209,7 +264,7 @@ void Ssh::logIn(const std::string& host, const std::string& login, const std::st
         // Nothing of the login goes to a host that is not the one of the
         // migration.
         checkHostKey(host, hostKeyOf(session_->get()));
-        session_->authorize(login, password);
+        session_->authorize(credentials);
     } catch (const Exc<&SshAuthorizationFailed>&) {
         throw VELMO_EXC(SshInvalidCredentials) % host;
     } catch (const Exc<&ConnectionTimedOut>&) {
@@ -339,7 +394,11 @@ bool Ssh::open(RemoteCommand& command) {
         command.phase_ = RemoteCommand::Phase::opening;
         command.asked_ = std::chrono::steady_clock::now();
     }
-    LIBSSH2_CHANNEL* channel = session_->openChannel();
+    // Under a cap, a channel's window holds a quarter of a second's worth:
+    // what crosses the link keeps close to what the cap lets through.
+    const long long rate = RateLimit::rate();
+    LIBSSH2_CHANNEL* channel =
+        session_->openChannel(rate == 0 ? UINT32_MAX : static_cast<unsigned>(std::max(64LL << 10, rate / 4)));
     if (channel == nullptr) {
         const int error = session_->lastErrno();
         if (error == LIBSSH2_ERROR_EAGAIN) return false;
@@ -393,11 +452,13 @@ bool Ssh::sendInput(RemoteCommand& command) {
         progress = true;
         if (n == 0) return progress;
     }
+    const std::size_t may = RateLimit::allow(command.inputLength_ - command.inputSent_);
+    if (may == 0) return progress;
     const ssize_t w = libssh2_channel_write_ex(rawChannel(command.channel_), 0,
-                                               command.input_.data() + command.inputSent_,
-                                               command.inputLength_ - command.inputSent_);
+                                               command.input_.data() + command.inputSent_, may);
     if (w > 0) {
         command.inputSent_ += static_cast<std::size_t>(w);
+        RateLimit::spend(static_cast<std::size_t>(w));
         return true;
     }
     if (w == LIBSSH2_ERROR_EAGAIN) return progress;
@@ -431,7 +492,9 @@ bool Ssh::receive(RemoteCommand& command) {
     bool progress = false;
     for (int stream = 0; stream < 2; ++stream) {
         for (std::size_t read = 0; read < kReadPerPass;) {
-            const ssize_t n = libssh2_channel_read_ex(channel, stream, buffer.data(), kChunkSize);
+            const std::size_t may = RateLimit::allow(kChunkSize);
+            if (may == 0) break;
+            const ssize_t n = libssh2_channel_read_ex(channel, stream, buffer.data(), may);
             if (n == LIBSSH2_ERROR_EAGAIN || n == 0) break;
             if (n < 0) {
                 if (isSocketError(n)) loseConnection();
@@ -439,6 +502,7 @@ bool Ssh::receive(RemoteCommand& command) {
             }
             progress = true;
             read += static_cast<std::size_t>(n);
+            RateLimit::spend(static_cast<std::size_t>(n));
             if (command.how_.logOutput) command.log_->output[stream].add(buffer.data(), static_cast<std::size_t>(n));
             if (stream == 0) (*command.how_.counter)(static_cast<int>(n));
             pump_write(stream == 0 ? command.out_ : command.err_, buffer.data(), static_cast<int>(n));
@@ -649,6 +713,14 @@ bool ChannelLoop::pass(long longestWaitMs) {
     long waitMs = longestWaitMs;
     for (Ssh* ssh : connections_)
         if (!ssh->lost()) waitMs = std::min(waitMs, ssh->runPeriodicTask());
+    // Under a cap that holds everything back, the loop waits for the cap
+    // whatever the library holds.
+    const long capped = RateLimit::wait();
+    if (capped > 0) {
+        // Not on the sockets: they may well have bytes that must wait.
+        ::poll(nullptr, 0, static_cast<int>(std::min(waitMs, capped)));
+        return true;
+    }
     for (Ssh* ssh : connections_)
         if (!ssh->lost() && ssh->hasQueued()) return true;
     if (waitMs > 0) wait(waitMs);

@@ -121,6 +121,27 @@ void pump_write(IOWriteChannel& to, const char* data, int length);
 
 class Ssh;
 
+// What all connections of the run move, both ways together, at most per
+// second (KVA_BWLIMIT): a bucket that holds a tenth of a second's worth and
+// fills as time passes. Without a rate, everything may move at once.
+class RateLimit {
+public:
+    static void set(long long bytesPerSecond);  // 0: no cap
+    static long long rate() { return rate_; }
+    // How many of want bytes may move now; 0 until a useful amount may.
+    static std::size_t allow(std::size_t want);
+    static void spend(std::size_t bytes);
+    // Milliseconds until bytes may move again; 0 when they may now.
+    static long wait();
+
+private:
+    static void refill();
+
+    static long long rate_;
+    static double tokens_;
+    static std::chrono::steady_clock::time_point filled_;
+};
+
 // Receives the size of every chunk of a command's standard output.
 class Counter {
 public:
@@ -197,6 +218,10 @@ public:
     // Exc<&SshInvalidCredentials>.
     Ssh(const std::string& host, const std::string& login, const std::string& password,
         bool disableEncryption, unsigned short port);
+    // The same with whatever the credentials offer (keys first). host may be
+    // an IPv6 address in brackets.
+    Ssh(const std::string& host, unsigned short port, const libssh2pp::Credentials& credentials,
+        bool disableEncryption);
     ~Ssh();
     Ssh(const Ssh&) = delete;
     Ssh& operator=(const Ssh&) = delete;
@@ -242,8 +267,8 @@ private:
     // Named by what a step waits for when the library could not finish it.
     typedef bool (Ssh::*Step)(RemoteCommand&);
 
-    void logIn(const std::string& host, const std::string& login, const std::string& password,
-               bool disableEncryption, unsigned short port);
+    void logIn(const std::string& host, unsigned short port, const libssh2pp::Credentials& credentials,
+               bool disableEncryption);
 
     // One pass over the table: each command's phases in turn. True when
     // anything moved.

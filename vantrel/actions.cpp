@@ -135,7 +135,10 @@ Action::~Action() {
     ssh.reset();
 }
 
-void Action::setConfig(const config* c) { cfg = c; }
+void Action::setConfig(const config* c) {
+    cfg = c;
+    RateLimit::set(cfg->bandwidthLimit);
+}
 
 Ssh* Action::getSsh() {
     if (!ssh) ssh = connect();
@@ -144,7 +147,13 @@ Ssh* Action::getSsh() {
 
 std::unique_ptr<Ssh> Action::connect() const {
     const unsigned short port = cfg->port == 0 ? 22 : static_cast<unsigned short>(cfg->port);
-    return std::unique_ptr<Ssh>(new Ssh(cfg->host, cfg->login, cfg->password, cfg->noEncryption, port));
+    libssh2pp::Credentials credentials;
+    credentials.login = cfg->login;
+    credentials.password = cfg->password;
+    credentials.keyFile = cfg->keyFile;
+    credentials.passphrase = cfg->keyPassphrase;
+    credentials.agent = cfg->useAgent;
+    return std::unique_ptr<Ssh>(new Ssh(cfg->host, port, credentials, cfg->noEncryption));
 }
 
 const std::string& Action::agentDir() {

@@ -2,7 +2,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cerrno>
 #include <cstring>
+#include <string>
 
 #include <getopt.h>
 
@@ -91,6 +93,27 @@ const struct option longOptions[] = {
 
 const char* const LOGIN_PASSWORD_VARIABLE = "KVA_PASSWORD";
 const char* const SUDO_PASSWORD_VARIABLE = "KVA_SUDO_PASSWORD";
+const char* const KEY_PASSPHRASE_VARIABLE = "KVA_KEY_PASSPHRASE";
+
+std::string variable(const char* name) {
+    const char* value = std::getenv(name);
+    return value != nullptr ? value : "";
+}
+
+// Bytes per second, with K or M for KiB or MiB ("8M"); -1 for anything else
+// and for 0, 0 when the text is empty (no cap).
+long long rateOf(const std::string& text) {
+    if (text.empty()) return 0;
+    char* end = nullptr;
+    errno = 0;
+    const long long value = std::strtoll(text.c_str(), &end, 10);
+    long long unit = 1;
+    if (*end == 'K' || *end == 'k') unit = 1 << 10;
+    if (*end == 'M' || *end == 'm') unit = 1 << 20;
+    if (unit != 1) ++end;
+    if (errno != 0 || end == text.c_str() || *end != '\0' || value <= 0 || value > (1LL << 40) / unit) return -1;
+    return value * unit;
+}
 
 // The login password, read from the environment once.
 char thePasswordBuffer[4096];
@@ -143,13 +166,15 @@ static void wipeValue(char* value) {
 }
 
 void hide_sudo_password() {
-    char* value = std::getenv(SUDO_PASSWORD_VARIABLE);
-    if (value == nullptr || *value == '\0') return;
-    // setenv stores a copy of its own, so the variable keeps its value
-    // for this process while the start-up block forgets it.
-    const std::string copy(value);
-    if (setenv(SUDO_PASSWORD_VARIABLE, copy.c_str(), 1) == 0) wipeValue(value);
-    velmo::addSecret(copy);
+    for (const char* name : {SUDO_PASSWORD_VARIABLE, KEY_PASSPHRASE_VARIABLE}) {
+        char* value = std::getenv(name);
+        if (value == nullptr || *value == '\0') continue;
+        // setenv stores a copy of its own, so the variable keeps its value
+        // for this process while the start-up block forgets it.
+        const std::string copy(value);
+        if (setenv(name, copy.c_str(), 1) == 0) wipeValue(value);
+        velmo::addSecret(copy);
+    }
 }
 
 bool is_sudo_password_provided() { return std::getenv(SUDO_PASSWORD_VARIABLE) != nullptr; }
@@ -225,6 +250,10 @@ bool parse_options(int argc, char** argv, config* cfg) {
         }
     }
     cfg->password = get_env_noncrypted_password();
+    cfg->keyFile = variable("KVA_KEY_FILE");
+    cfg->keyPassphrase = variable(KEY_PASSPHRASE_VARIABLE);
+    cfg->useAgent = !variable("SSH_AUTH_SOCK").empty();
+    cfg->bandwidthLimit = rateOf(variable("KVA_BWLIMIT"));
     return true;
 }
 
@@ -265,7 +294,11 @@ void verify_options(config* cfg) {
     if (cfg->host.empty()) req_action_argument_missed("host");
     if (cfg->port == -1) fail("port should be a number in [1, 65535] range");
     if (cfg->login.empty()) req_action_argument_missed("login");
-    if (cfg->password.empty()) req_action_argument_missed("password");
+    // A key, or an agent's, logs in without a password.
+    if (cfg->password.empty() && cfg->keyFile.empty() && !cfg->useAgent) req_action_argument_missed("password");
+    if (cfg->bandwidthLimit < 0)
+        fail("KVA_BWLIMIT='" + variable("KVA_BWLIMIT") +
+             "' is no rate: give bytes per second above 0, with K or M for KiB or MiB per second (8M, say)");
     if (cfg->useSudo && !cfg->sudoPasswordProvided)
         fail("KVA_SUDO_PASSWORD environment variable is not provided with --sudo-password\n");
     if (cfg->action == ACTION_SEND_SCOUT) {

@@ -62,6 +62,14 @@ struct config {
     bool server = false;
     bool adminInfo = false;
     bool noLicense = false;
+    // From the environment as well: a private key file and its passphrase
+    // (KVA_KEY_FILE, KVA_KEY_PASSPHRASE), whether an ssh-agent is there
+    // (SSH_AUTH_SOCK), and the cap on the bytes a run moves per second
+    // (KVA_BWLIMIT; 0: none, -1: a value that is no rate).
+    std::string keyFile;
+    std::string keyPassphrase;
+    bool useAgent = false;
+    long long bandwidthLimit = 0;
 };
 
 // Fills cfg from the command line, then takes the login password from the
@@ -77,8 +85,9 @@ void usage();
 // Writes "vantrel <version>" and a line feed to standard output.
 void version();
 
-// Keeps KVA_SUDO_PASSWORD in the environment but wipes its value from the
-// block the process started with, which others can read from /proc.
+// Keeps KVA_SUDO_PASSWORD and KVA_KEY_PASSPHRASE in the environment but
+// wipes their values from the block the process started with, which others
+// can read from /proc.
 void hide_sudo_password();
 // Whether KVA_SUDO_PASSWORD exists (an empty value counts).
 bool is_sudo_password_provided();

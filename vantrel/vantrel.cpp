@@ -123,6 +123,8 @@ int do_actions(config& cfg) {
         return report(e, 16);
     } catch (const Exc<&SshInvalidCredentials>& e) {
         return report(e, 17);
+    } catch (const Exc<&SshKeyUnusable>& e) {
+        return report(e, 17);
     } catch (const Exc<&SshConnectionFault>& e) {
         return report(e, 18);
     } catch (const ExTraceable& e) {

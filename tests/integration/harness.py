@@ -175,7 +175,7 @@ class Run:
 
 
 def environment(password=PASSWORD, sudo=None):
-    env = {k: v for k, v in os.environ.items() if not k.startswith("KVA_")}
+    env = {k: v for k, v in os.environ.items() if not k.startswith("KVA_") and k != "SSH_AUTH_SOCK"}
     return env | {k: v for k, v in (("KVA_PASSWORD", password), ("KVA_SUDO_PASSWORD", sudo)) if v is not None}
 
 
@@ -246,8 +246,8 @@ class Case(unittest.TestCase):
     def run_vantrel(cls, *args, timeout=300, **kw):
         return cls.start(*args, **kw).finish(timeout)
 
-    def run_raw(self, args, session=None, password=None):
-        return Run([BIN] + args, environment(password), b"", session).finish(60)
+    def run_raw(self, args, session=None, password=None, env={}):
+        return Run([BIN] + args, environment(password) | env, b"", session).finish(60)
 
     @classmethod
     def deploy(cls, agent="probe"):

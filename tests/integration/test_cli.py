@@ -4,6 +4,7 @@ up, and the connection failures."""
 import os
 import re
 import subprocess
+import time
 
 import harness as h
 
@@ -29,9 +30,12 @@ class ExitCodeTest(h.Case):
             self.assertTrue(r.err.endswith(b"\n") and b"\n" not in r.err[:-1], r)
         self.assertFalse(os.path.exists(s.path))
         # Options that do not fit the action: the reason is in the log only.
-        for args, password in ((["--send-scout", "--host=h", "--login=l"], None), (["--remove-dumping-status"], "pw")):
+        for args, password, env in ((["--send-scout", "--host=h", "--login=l"], None, {}),
+                                    (["--remove-dumping-status"], "pw", {}),
+                                    (["--send-scout", "--host=h", "--login=l"], "pw", {"KVA_BWLIMIT": "0"}),
+                                    (["--send-scout", "--host=h", "--login=l"], "pw", {"KVA_BWLIMIT": "8X"})):
             s = self.session()
-            r = self.run_raw(args + ["--session-path", s.path], s, password=password)
+            r = self.run_raw(args + ["--session-path", s.path], s, password=password, env=env)
             self.assertEqual((1, b"", b""), (r.code, r.out, r.err), r)
             self.assertIn("Unable to parse command line: ", s.log())
             self.assertEqual(["archives", "migration.log"], s.names())
@@ -105,6 +109,37 @@ class ExitCodeTest(h.Case):
             self.skipTest("no private hosts file here (mount namespace or bind mount refused): %r" % r.err)
         self.assertEqual(0, r.code, r)
         self.assertIn("Unable to open socket to vantrel-two:%d (::1)" % self.port, s.log())
+
+    def test_keys_agent_and_ipv6_literals(self):
+        keys = {name: (h.host_key(name, options, passphrase), passphrase) for name, options, passphrase in h.LOGIN_KEYS}
+        server = h.SshServer("pubkey").start()
+        self.addCleanup(server.stop)
+        kw = dict(login=h.KEY_USER, password=None, port=server.port)
+        # A key of its own (OpenSSH's format or PEM, protected by a passphrase or not) and no password.
+        for key, passphrase in keys.values():
+            env = {"KVA_KEY_FILE": key} | ({"KVA_KEY_PASSPHRASE": passphrase} if passphrase else {})
+            r = self.run_vantrel("--send-scout", env=env, **kw)
+            self.ok(r)
+            self.assertFalse(passphrase and passphrase in r.session.log())
+        # A protected key without its passphrase, and a key that is not there: a failed login, said so.
+        for key in (keys["login_protected"][0], "/nonexistent/key"):
+            self.assertIn(key, self.failed(self.run_vantrel("--send-scout", env={"KVA_KEY_FILE": key}, **kw), 17,
+                                           "SshKeyUnusable"))
+        # The keys of a running ssh-agent.
+        sock = os.path.join(self.tmp, "agent.sock")
+        agent = subprocess.Popen(["ssh-agent", "-D", "-a", sock], stdout=subprocess.DEVNULL)
+        self.addCleanup(agent.kill)
+        while not os.path.exists(sock):
+            time.sleep(0.05)
+        subprocess.run(["ssh-add", keys["login_ed25519"][0]], env={"SSH_AUTH_SOCK": sock}, check=True,
+                       capture_output=True)
+        self.ok(self.run_vantrel("--send-scout", env={"SSH_AUTH_SOCK": sock}, **kw))
+        # An IPv6 address, bare or in brackets, named as given.
+        with h.SshServer(host="::1") as v6:
+            for host in ("::1", "[::1]"):
+                r = self.run_vantrel("--send-scout", host=host, port=v6.port)
+                self.ok(r)
+                self.assertIn("Resolving %s\n" % host, r.session.log())
 
     def test_host_key_is_pinned_before_any_password(self):
         s = self.session()

@@ -167,6 +167,16 @@ class ListedContentTest(ContentCase):
         self.assertTrue(os.path.exists(os.path.join(plain, "notes")))
 
 
+    def test_bandwidth_cap(self):
+        agent_dir = self.lay_out([h.archive("capped", 64 * h.MIB)])
+        started = time.monotonic()
+        status, r = self.final_status(self.get_content(agent_dir, env={"KVA_BWLIMIT": "8M"}))
+        took = time.monotonic() - started
+        self.ok(r, "transfer.result")
+        # 64 MiB at 8 MiB/s: the cap holds, and the status shows it.
+        self.assertTrue(0.95 * 8 < took < 16, took)
+        self.assertLessEqual(int(status.find("transfer").get("speed")), 1.05 * 8 * h.MIB)
+
     def test_twenty_content_runs_at_once(self):
         # Half of them through sudo, each with its own agent and session.
         jobs = []

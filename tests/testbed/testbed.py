@@ -21,6 +21,7 @@ HOST = "127.0.0.1"
 USER, PASSWORD = "vtuser", "vt pass'1$"
 NOSUDO_USER, NOSUDO_PASSWORD = "vtnosudo", "vt no'sudo $2"          # sudo refuses it
 NOSUDOBIN_USER, NOSUDOBIN_PASSWORD = "vtnosudobin", "vt no'bin $3"  # no sudo on its PATH
+KEY_USER = "vtkey"                                                  # logs in by key only
 ADMIN_ACCOUNT = "kvaadm"
 ACCOUNTS = {USER: PASSWORD, NOSUDO_USER: NOSUDO_PASSWORD, NOSUDOBIN_USER: NOSUDOBIN_PASSWORD}
 SUPPORT = "/usr/local/lib/vantrel-testbed"
@@ -33,6 +34,11 @@ def _locked():
     with open("/tmp/vantrel-testbed.lock", "a") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
         yield
+
+
+def _read(path):
+    with open(path) as f:
+        return f.read()
 
 
 def _run(*argv, input=None):
@@ -62,7 +68,8 @@ def _ensure_user(name, password, shell):
             _run("usermod", "--shell", shell, name)
     except KeyError:
         _run("useradd", "--create-home", "--user-group", "--shell", shell, name)
-        _run("chpasswd", input=("%s:%s\n" % (name, password)).encode())
+        if password:
+            _run("chpasswd", input=("%s:%s\n" % (name, password)).encode())
 
 
 def ensure_accounts():
@@ -90,19 +97,41 @@ def ensure_accounts():
         _ensure_user(USER, PASSWORD, "/bin/bash")
         _ensure_user(NOSUDO_USER, NOSUDO_PASSWORD, "/bin/sh")
         _ensure_user(NOSUDOBIN_USER, NOSUDOBIN_PASSWORD, shell)
+        _ensure_user(KEY_USER, None, "/bin/bash")
         _write_ours("/etc/sudoers.d/vantrel-test", "%s\nDefaults:%s !requiretty\nDefaults:%s lecture=never\n"
                     "%s ALL=(ALL:ALL) ALL\n" % (MARKER, USER, USER, USER), 0o440)
 
 
-def host_key(name="host_ed25519"):
-    """An ed25519 host key, made once; the default one serves every server of the bed."""
-    path = "/tmp/vantrel-testbed-keys/" + name
+KEYS = "/tmp/vantrel-testbed-keys/"
+# The login keys the servers of the bed accept: (name, ssh-keygen's options, passphrase).
+LOGIN_KEYS = [("login_ed25519", ["-t", "ed25519"], ""), ("login_ecdsa_pem", ["-t", "ecdsa", "-m", "PEM"], ""),
+              ("login_protected", ["-t", "ed25519"], "key pass'phrase $4")]
+
+
+def host_key(name="host_ed25519", options=("-t", "ed25519"), passphrase=""):
+    """A key made once (by default the ed25519 host key that serves every server of the bed)."""
+    path = KEYS + name
     with _locked():
         if not os.path.exists(path + ".pub"):
-            os.makedirs(os.path.dirname(path), 0o700, exist_ok=True)
+            os.makedirs(KEYS, 0o700, exist_ok=True)
             with contextlib.suppress(FileNotFoundError):
                 os.unlink(path)
-            _run("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", path)
+            _run("ssh-keygen", "-q", *options, "-N", passphrase, "-f", path)
+    return path
+
+
+def authorized_keys():
+    """The file of the login keys every server of the bed accepts for every account."""
+    path = KEYS + "authorized_keys"
+    text = "".join(_read(host_key(name, options, passphrase) + ".pub") for name, options, passphrase in LOGIN_KEYS)
+    with _locked():
+        with open(path + ".new", "w") as f:
+            f.write(text)
+        # sshd reads it as the account that logs in: it may pass through the
+        # directory (not list it) and read this file.
+        os.chmod(path + ".new", 0o644)
+        os.chmod(KEYS, 0o711)
+        os.rename(path + ".new", path)
     return path
 
 
@@ -128,13 +157,13 @@ def kill_tree(pid):
 
 
 class SshServer:
-    """A private sshd on 127.0.0.1. Variants: "default" (password and
-    keyboard-interactive), "kbdint" (keyboard-interactive only), "pubkey"
-    (publickey only)."""
-    METHODS = {"default": ("yes", "yes", "no"), "kbdint": ("no", "yes", "no"), "pubkey": ("no", "no", "yes")}
+    """A private sshd on 127.0.0.1 (or host). Variants: "default" (password,
+    keyboard-interactive and the keys of LOGIN_KEYS), "kbdint" (keyboard-
+    interactive only), "pubkey" (the keys only)."""
+    METHODS = {"default": ("yes", "yes", "yes"), "kbdint": ("no", "yes", "no"), "pubkey": ("no", "no", "yes")}
 
-    def __init__(self, variant="default", log_level="VERBOSE", key=None):
-        self.variant, self.log_level, self.host, self.proc, self.key = variant, log_level, HOST, None, key
+    def __init__(self, variant="default", log_level="VERBOSE", key=None, host=HOST):
+        self.variant, self.log_level, self.host, self.proc, self.key = variant, log_level, host, None, key
 
     def start(self):
         os.makedirs("/run/sshd", 0o755, exist_ok=True)
@@ -144,8 +173,8 @@ class SshServer:
             self.port = free_port()
             with open(os.path.join(self.dir, "sshd_config"), "w") as f:
                 f.write("\n".join([
-                    "Port %d" % self.port, "ListenAddress " + HOST, "HostKey " + (self.key or host_key()),
-                    "PidFile none", "UsePAM yes", "AuthorizedKeysFile none",
+                    "Port %d" % self.port, "ListenAddress " + self.host, "HostKey " + (self.key or host_key()),
+                    "PidFile none", "UsePAM yes", "AuthorizedKeysFile " + authorized_keys(), "StrictModes no",
                     "PasswordAuthentication %s\nKbdInteractiveAuthentication %s\nPubkeyAuthentication %s"
                     % self.METHODS[self.variant], "MaxStartups 200", "MaxSessions 100", "UseDNS no",
                     # The compatibility retry of the client offers only this exchange.
@@ -156,7 +185,7 @@ class SshServer:
                                              stdout=log, stderr=log)
             deadline = time.monotonic() + 10
             while self.proc.poll() is None and time.monotonic() < deadline:
-                with contextlib.suppress(OSError), socket.create_connection((HOST, self.port), 1) as s:
+                with contextlib.suppress(OSError), socket.create_connection((self.host, self.port), 1) as s:
                     if s.recv(8) == b"SSH-2.0-":
                         return self
                 time.sleep(0.02)
