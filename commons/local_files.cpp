@@ -1,6 +1,7 @@
 #include "commons/local_files.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -81,11 +82,11 @@ Fd walk(Fd start, std::string shown, const std::vector<std::string>& parts, Walk
             throw VELMO_EXC(CantOpenDirectory) % shown % std::strerror(error);
         if (!how.followSystemLinks || !writableByRootAlone(at.get()) || ++how.links > kMaxLinks)
             throw VELMO_EXC(LinkNotFollowed) % shown;
-        std::vector<char> target(static_cast<std::size_t>(st.st_size) + 2);
-        const ssize_t length = ::readlinkat(at.get(), part.c_str(), target.data(), target.size() - 1);
-        if (length <= 0 || static_cast<std::size_t>(length) >= target.size() - 1)
+        char target[PATH_MAX];
+        const ssize_t length = ::readlinkat(at.get(), part.c_str(), target, sizeof target);
+        if (length <= 0 || static_cast<std::size_t>(length) >= sizeof target)
             throw VELMO_EXC(CantOpenDirectory) % shown % "the link changed while it was read";
-        const std::string to(target.data(), static_cast<std::size_t>(length));
+        const std::string to(target, static_cast<std::size_t>(length));
         Fd from(to[0] == '/' ? ::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : ::dup(at.get()));
         if (!from) throw VELMO_EXC(CantOpenDirectory) % shown % std::strerror(errno);
         at = walk(std::move(from), shown + " -> " + to, components(to), how);
