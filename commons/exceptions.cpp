@@ -124,6 +124,8 @@ const char* ExTraceable::what() const noexcept {
     return text_.c_str();
 }
 
+void ExTraceable::raise() const { throw *this; }
+
 void ExTraceable::accept(ExInfoVisitor& visitor) const {
     visitor.setCode(code());
     visitor.setId(id_);
@@ -150,6 +152,8 @@ void ExTaggedIncludable::accept(ExInfoVisitor& visitor) const {
     ExTraceable::accept(visitor);
     acceptInner(visitor);
 }
+
+void ExTaggedIncludable::raise() const { throw *this; }
 
 void ExTaggedIncludable::acceptInner(ExInfoVisitor& visitor) const {
     if (inner_) {

@@ -60,6 +60,8 @@ public:
     ~ExTraceable() override;
 
     ExTraceable* clone() const override;
+    // Throws a copy of this exception as the type it is.
+    [[noreturn]] virtual void raise() const;
     // Renders the message with the arguments fed so far. Never throws.
     const char* what() const noexcept override;
     void accept(ExInfoVisitor& visitor) const override;
@@ -86,6 +88,7 @@ public:
     ~ExTaggedIncludable() override;
 
     ExTaggedIncludable* clone() const override;
+    [[noreturn]] void raise() const override;
     void accept(ExInfoVisitor& visitor) const override;
 
     // The failure that caused this one, or null.
@@ -109,6 +112,7 @@ public:
           context_(context), file_(file), line_(line) {}
 
     Exc* clone() const override { return new Exc(*this); }
+    [[noreturn]] void raise() const override { throw *this; }
 
     void accept(ExInfoVisitor& visitor) const override {
         visitor.setContext(context_);

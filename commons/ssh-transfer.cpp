@@ -34,6 +34,8 @@ static const unsigned kChunkSize = 65536;
 static const std::size_t kReadPerPass = 1 << 20;
 // Longest wait of the loop for the peer before it passes again.
 static const long kPollTimeoutMs = 5000;
+// What opening a channel, starting a command or closing it may take.
+static const std::chrono::seconds kExchangeLimit(120);
 // Longest time the SSH handshake and the authentication may take together,
 // in seconds, unless $VANTREL_SSH_LOGIN_TIMEOUT says otherwise. Once logged
 // in, nothing bounds a remote command: an agent may work for hours.
@@ -98,8 +100,12 @@ void terminateProgram() {
     isProgramTerminated = 1;
 }
 
+// Set while the loop finishes one last exchange that a stop request must not
+// cut short (ChannelLoop::finish, bounded in time).
+static bool finishingDespiteStop = false;
+
 void checkProgramTerminated() {
-    if (isProgramTerminated)
+    if (isProgramTerminated && !finishingDespiteStop)
         throw MigrationTerminatedException();
 }
 
@@ -360,6 +366,12 @@ bool Ssh::service() {
     const std::size_t count = table_.size();
     for (std::size_t i = 0; i < count && i < table_.size() && !pendingStep_ && !lost_; ++i) {
         RemoteCommand& command = *table_[i];
+        if (overdue(command)) {
+            loseConnection("no answer within " + std::to_string(kExchangeLimit.count()) +
+                           " s while a channel opened, started or closed");
+            progress = true;
+            break;
+        }
         switch (command.phase_) {
             case RemoteCommand::Phase::waiting:
                 if (!opening_) progress |= take(&Ssh::open, command);
@@ -388,10 +400,24 @@ bool Ssh::service() {
     return progress;
 }
 
+void Ssh::enter(RemoteCommand& command, RemoteCommand::Phase phase) {
+    command.phase_ = phase;
+    command.since_ = std::chrono::steady_clock::now();
+}
+
+bool Ssh::overdue(const RemoteCommand& command) const {
+    // A command runs as long as it runs; the exchanges around it (opening
+    // its channel, starting it, closing it) wait for the peer alone.
+    const bool exchange = command.phase_ == RemoteCommand::Phase::opening ||
+                          command.phase_ == RemoteCommand::Phase::starting ||
+                          command.phase_ == RemoteCommand::Phase::closing;
+    return exchange && std::chrono::steady_clock::now() - command.since_ > kExchangeLimit;
+}
+
 bool Ssh::open(RemoteCommand& command) {
     if (command.phase_ == RemoteCommand::Phase::waiting) {
         opening_ = true;
-        command.phase_ = RemoteCommand::Phase::opening;
+        enter(command, RemoteCommand::Phase::opening);
         command.asked_ = std::chrono::steady_clock::now();
     }
     // Under a cap, a channel's window holds a quarter of a second's worth:
@@ -415,7 +441,7 @@ bool Ssh::open(RemoteCommand& command) {
     opening_ = false;
     session_->channelOpened(command.asked_);
     command.channel_.reset(new libssh2pp::Channel(channel));
-    command.phase_ = RemoteCommand::Phase::starting;
+    enter(command, RemoteCommand::Phase::starting);
     return true;
 }
 
@@ -425,7 +451,7 @@ bool Ssh::startCommand(RemoteCommand& command) {
     if (rc == LIBSSH2_ERROR_EAGAIN) return false;
     if (rc == 0) {
         command.input_.resize(kChunkSize);
-        command.phase_ = RemoteCommand::Phase::running;
+        enter(command, RemoteCommand::Phase::running);
     } else if (isSocketError(rc)) {
         loseConnection();
     } else {
@@ -512,13 +538,13 @@ bool Ssh::receive(RemoteCommand& command) {
     }
     // The end of its output, or a channel the peer closed without one.
     if (libssh2_channel_eof(channel) != 0) {
-        command.phase_ = RemoteCommand::Phase::closing;
+        enter(command, RemoteCommand::Phase::closing);
         return true;
     }
     if (!progress && command.channel_->closedByPeer() && !libssh2_poll_channel_read(channel, 0) &&
         !libssh2_poll_channel_read(channel, 1)) {
         command.closedWithoutEof_ = true;
-        command.phase_ = RemoteCommand::Phase::closing;
+        enter(command, RemoteCommand::Phase::closing);
         return true;
     }
     return progress;
@@ -562,8 +588,12 @@ void Ssh::end(RemoteCommand& command) {
     if (command.onEnd) command.onEnd(command);
 }
 
-void Ssh::loseConnection() {
-    if (!lost_) logger.errorStream() << "Lost connection with the remote host: " << session_->lastError();
+void Ssh::loseConnection(const std::string& why) {
+    if (!lost_) {
+        whyLost_ = why.empty() ? session_->lastError() : why;
+        if (whyLost_.empty()) whyLost_ = "the connection went away";
+        logger.errorStream() << "Lost connection with the remote host: " << whyLost_;
+    }
     lost_ = true;
     pendingStep_ = nullptr;
     pendingCommand_ = nullptr;
@@ -693,6 +723,10 @@ void ChannelLoop::run(const std::function<bool()>& done) {
 
 bool ChannelLoop::finish(const std::function<bool()>& done, std::chrono::milliseconds limit) {
     OnlyLoop only;
+    struct Finishing {
+        Finishing() { finishingDespiteStop = true; }
+        ~Finishing() { finishingDespiteStop = false; }
+    } finishing;
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!done() && std::chrono::steady_clock::now() < deadline)
         if (!pass(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now())

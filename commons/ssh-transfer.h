@@ -198,6 +198,7 @@ private:
     bool eofSent_ = false;
     bool closedWithoutEof_ = false;
     std::chrono::steady_clock::time_point asked_;
+    std::chrono::steady_clock::time_point since_;  // of its phase
     int status_ = -1;
     bool lost_ = false;
     std::unique_ptr<class CommandLog> log_;
@@ -256,8 +257,10 @@ public:
     void setPeriodic(std::chrono::milliseconds interval, std::function<bool()> task);
     void clearPeriodic() { periodic_ = nullptr; }
 
-    // Whether the connection went away; its commands then ended as lost.
+    // Whether the connection went away (its commands then ended as lost),
+    // and what the library said of it.
     bool lost() const { return lost_; }
+    const std::string& whyLost() const { return whyLost_; }
     // The shortest round trip seen on the connection, in milliseconds.
     double roundTripMs() const { return session_->roundTripMs(); }
 
@@ -282,8 +285,11 @@ private:
     // Calls a step; a step that the library left with a packet half sent is
     // remembered, and the next pass starts by finishing it.
     bool take(Step step, RemoteCommand& command);
+    void enter(RemoteCommand& command, RemoteCommand::Phase phase);
+    // Whether an exchange around the command waits for the peer too long.
+    bool overdue(const RemoteCommand& command) const;
     void end(RemoteCommand& command);
-    void loseConnection();
+    void loseConnection(const std::string& why = std::string());
     void abandon(RemoteCommand& command);
     // Finishes the packet that a step left half sent, calling that step
     // again (a few seconds at most).
@@ -306,6 +312,7 @@ private:
     Step pendingStep_ = nullptr;
     bool opening_ = false;
     bool lost_ = false;
+    std::string whyLost_;
     std::function<bool()> periodic_;
     std::chrono::milliseconds periodicInterval_{0};
     std::chrono::steady_clock::time_point periodicDue_;

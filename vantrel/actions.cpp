@@ -141,8 +141,30 @@ void Action::setConfig(const config* c) {
 }
 
 Ssh* Action::getSsh() {
-    if (!ssh) ssh = connect();
+    if (ssh && ssh->lost()) ssh.reset();
+    if (!ssh) {
+        ssh = connect();
+        connected_ = true;
+    }
     return ssh.get();
+}
+
+void Action::reconnecting(const std::string& what, const std::function<void()>& work) {
+    std::unique_ptr<ExTraceable> loss;
+    for (;;) {
+        try {
+            work();
+            return;
+        } catch (const ExTraceable& e) {
+            if (!connected_ || !isConnectionFailure(e)) throw;
+            checkProgramTerminated();
+            if (!loss) loss.reset(e.clone());
+            std::chrono::milliseconds pause;
+            if (!reconnects_.again(what, e.what(), pause)) loss->raise();
+            ssh.reset();
+            Reconnects::wait(pause);
+        }
+    }
 }
 
 std::unique_ptr<Ssh> Action::connect() const {
@@ -378,9 +400,14 @@ void RetrieveDumpAction::retrieve() {
     copy_.reset();
     if (dump.status != 0) throw VELMO_EXC(CantRetrieveDumpFile) % dump.errors;
 
-    takeFile(remoteDump);
+    // The dump is the agent's, done: a connection lost while it comes over
+    // connects again and fetches it once more. (A dump that runs when the
+    // connection goes ends with it, watchdog and all.)
     const std::string localDump = theSession->getDumpFileName();
-    getSsh()->get(localDump, remoteDump);
+    reconnecting("The dump's download", [&] {
+        takeFile(remoteDump);
+        getSsh()->get(localDump, remoteDump);
+    });
     writeNameFile(session_names::DUMP_NAME, localDump);
 }
 
@@ -390,8 +417,15 @@ void GetDumpingStatusAction::execute() {
         status->setAgentOperation(MigrationStatus::wait);
         status->saveFile();
         const std::string remoteStatus = agentDir() + "/" + files::getRemoteDumpingStatusFileName();
-        takeFile(remoteStatus);
-        getSsh()->get(std::cout, remoteStatus);
+        // Kept until it is whole, so that a connection lost half way and
+        // made again prints it once.
+        std::ostringstream copy;
+        reconnecting("The dumping status", [&] {
+            copy.str("");
+            takeFile(remoteStatus);
+            getSsh()->get(copy, remoteStatus);
+        });
+        std::cout << copy.str();
         std::cout.flush();
     } catch (const ExTraceable& e) {
         throw VELMO_EXC_INNER(DumpStatusError, e);

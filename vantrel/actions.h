@@ -5,6 +5,7 @@
 #ifndef VANTREL_ACTIONS_H
 #define VANTREL_ACTIONS_H
 
+#include <functional>
 #include <istream>
 #include <memory>
 #include <ostream>
@@ -14,6 +15,7 @@
 #include "commons/formats.h"
 #include "commons/log.h"
 #include "commons/ssh-transfer.h"
+#include "vantrel/reconnects.h"
 #include "vantrel/options.h"
 
 namespace velmo {
@@ -97,10 +99,17 @@ public:
     virtual void setConfig(const config* cfg);
     virtual void execute() = 0;
 
-    // The connection of the run, made on first use.
+    // The connection of the run, made on first use (again after a loss).
     Ssh* getSsh();
     // One more connection to the source host, as getSsh makes it.
     std::unique_ptr<Ssh> connect() const;
+    // Runs work; when the connection is lost under it, or cannot be made
+    // again, connects again and runs it once more, as the run's Reconnects
+    // allow (work marks its progress there). Other failures, and those of
+    // the first connection of the run, pass through; when the tries are
+    // spent, the loss that began them fails the run.
+    void reconnecting(const std::string& what, const std::function<void()>& work);
+    Reconnects& reconnects() { return reconnects_; }
     // The agent directory as an absolute path. A relative --agent-dir lies
     // in the login's home directory, which is asked for once.
     const std::string& agentDir();
@@ -133,6 +142,8 @@ protected:
 
 private:
     friend class ActionCommand;
+    Reconnects reconnects_;
+    bool connected_ = false;
 
     std::string agentDir_;
     bool agentDirKnown_;

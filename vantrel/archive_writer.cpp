@@ -20,12 +20,24 @@ namespace {
 log4cpp::Category& writerLog = log4cpp::Category::getInstance("p.Action");
 
 const char* const kWholeAttribute = "user.vantrel.whole";
+const char* const kRemovalAttribute = "user.vantrel.remove-on-source";
 // How far the length without a gap may run ahead of its record.
 const int64_t kRecordEvery = 1 << 20;
 
 std::string partName(const std::string& name) { return name + ".part"; }
 
 }  // namespace
+
+bool ArchiveWriter::removalDue(const Directory& dir, const std::string& name) {
+    Fd file = dir.isOpen() ? dir.openRegular(name) : Fd();
+    char mark;
+    return file && ::fgetxattr(file.get(), kRemovalAttribute, &mark, 1) == 1;
+}
+
+void ArchiveWriter::removed(const Directory& dir, const std::string& name) {
+    Fd file = dir.isOpen() ? dir.openRegular(name) : Fd();
+    if (file) (void)::fremovexattr(file.get(), kRemovalAttribute);
+}
 
 int64_t ArchiveWriter::resumable(const Directory& dir, const std::string& name) {
     if (!dir.isOpen()) return -1;
@@ -119,6 +131,8 @@ std::string ArchiveWriter::sum() {
 
 void ArchiveWriter::finish() {
     done_ = true;
+    // Where the file system keeps no such marks, only this run removes it.
+    (void)::fsetxattr(fd_.get(), kRemovalAttribute, "1", 1, 0);
     dir_.rename(part_, name_);
 }
 

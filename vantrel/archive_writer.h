@@ -22,6 +22,12 @@ namespace velmo {
 // extended attributes takes the archive's bytes in order only (takesRanges).
 class ArchiveWriter {
 public:
+    // Whether the archive under name in dir came here by a run that did not
+    // get to remove it on the source host (its extended attribute
+    // "user.vantrel.remove-on-source"), and the mark taken away once it is.
+    static bool removalDue(const Directory& dir, const std::string& name);
+    static void removed(const Directory& dir, const std::string& name);
+
     // How much of the part under name in dir the next run can trust: its
     // length, or less when it has gaps; -1 when there is none.
     static int64_t resumable(const Directory& dir, const std::string& name);
@@ -44,7 +50,8 @@ public:
     int64_t held() const { return held_; }
     // The MD5 sum of the first whole() bytes; the writer takes no more.
     std::string sum();
-    // Gives the part its name (whatever stood there is replaced).
+    // Gives the part its name (whatever stood there is replaced), marked as
+    // one still to be removed on the source host (see removalDue).
     void finish();
     // Removes the part.
     void drop();

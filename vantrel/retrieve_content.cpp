@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <regex>
 #include <set>
@@ -170,14 +171,26 @@ private:
     std::vector<ContentReceiver::Archive> plan(const std::vector<DumpFile>& records);
     void fetch(std::vector<ContentReceiver::Archive> archives);
     std::vector<std::unique_ptr<Stream>> openStreams(ContentReceiver& receiver, int count);
-    // Starts a sender on a stream that has work and none; true when one ran
-    // and ended, and what that means is settled.
+    // Settles what a sender that ended means, connects a stream that lost
+    // its connection again when its pause is over, and starts a sender on a
+    // stream that has work and none.
     void keepSending(Stream& stream, ContentReceiver& receiver);
+    // A stream's connection went away: what it had on its way is handed out
+    // again (what came of it is kept), and it waits to connect again.
+    void lose(Stream& stream, ContentReceiver& receiver, const std::string& why);
+    void reconnect(Stream& stream);
+    // The removal on the source host runs on the first stream's connection.
+    void keepRemoving(Stream& first);
     void saveStatus(const ContentReceiver& receiver);
+    // An archive here, proven, that is to be removed on the source host.
+    void arrive(const std::string& name, const Directory& dir, const std::string& leaf);
     // Starts a removal of what arrived on the source host unless one is on
     // its way; reports what the last one left.
-    bool startRemoval();
+    bool startRemoval(Ssh& ssh);
     void endRemoval();
+    // The removals still due once everything arrived, on a connection made
+    // again when need be; what cannot be removed stays for the next run.
+    void removeTheRest();
     // The removals still due, in one last exchange that a stop request does
     // not cut short, bounded in time.
     void lastRemoval() noexcept;
@@ -187,10 +200,14 @@ private:
     uid_t uid_;
     gid_t gid_;
     std::vector<const DumpFile*> fetched_;   // the archives that come, in list order
+    std::vector<Directory> fetchedTo_;       // and the levels they land in
     std::vector<std::string> arrived_;       // names of proven archives not removed yet
+    std::map<std::string, std::pair<Directory, std::string>> here_;  // where they are: level, last component
     std::vector<std::string> removing_;      // names the removal on its way takes
     std::unique_ptr<TextInput> removalNames_;
     std::unique_ptr<ActionCommand> removal_;
+    std::unique_ptr<PeriodicTask> removalTask_;
+    std::unique_ptr<ExTraceable> loss_;  // the first loss of a streak, which fails the run if it lasts
     BoundedText removalOutput_{1 << 20};
     ProgressLine progress_;
     int64_t toFetch_ = 0;
@@ -200,22 +217,21 @@ private:
 struct ContentTransfer::Stream {
     Stream(ContentReceiver& receiver, int index, Ssh* ssh) : index(index), ssh(ssh), input(receiver, index),
                                                              output(receiver, index) {}
+    std::string name() const { return "Stream " + std::to_string(index + 1) + " of the content"; }
     int index;
-    Ssh* ssh;
-    std::unique_ptr<Ssh> own;
+    Ssh* ssh;                  // null while it waits to connect again
+    std::unique_ptr<Ssh> own;  // streams but the first have a connection of their own
     Requests input;
     Answers output;
     std::unique_ptr<ActionCommand> sender;
+    std::chrono::steady_clock::time_point retryAt;
 };
 
 void ContentTransfer::run(const std::vector<DumpFile>& records) {
     try {
         std::vector<ContentReceiver::Archive> archives = plan(records);
         if (!archives.empty()) fetch(std::move(archives));
-        endRemoval();
-        if (!arrived_.empty()) startRemoval();
-        if (removal_) ChannelLoop({action_.getSsh()}).run([this] { return removal_->remote().ended(); });
-        endRemoval();
+        removeTheRest();
     } catch (...) {
         lastRemoval();
         throw;
@@ -227,7 +243,7 @@ std::vector<ContentReceiver::Archive> ContentTransfer::plan(const std::vector<Du
     // here already shows its progress through them.
     MigrationStatus& status = *action_.status;
     std::vector<ContentReceiver::Archive> archives;
-    auto saved = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point saved;  // the first archive shows at once
     for (const DumpFile& record : records) {
         checkProgramTerminated();
         status.setCurrentFile(record.name, decimal(record.size));
@@ -235,20 +251,26 @@ std::vector<ContentReceiver::Archive> ContentTransfer::plan(const std::vector<Du
             status.saveFile();
             saved = std::chrono::steady_clock::now();
         }
+        const Directory dir = action_.contentDir_.existingBelow(getPath(record.name));
+        const std::string leaf = getFileNameFromPath(record.name);
         if (action_.checkMD5(record)) {
+            // Here already; removed on the source host when the run that
+            // brought it could not.
+            if (ArchiveWriter::removalDue(dir, leaf)) arrive(record.name, dir, leaf);
             updater_.fileDone();
             continue;
         }
-        const Directory dir = action_.contentDir_.below(getPath(record.name), uid_, gid_, 0755);
         // A partial archive can only be trusted when its sum will prove the
         // whole at the end; one longer than the archive is no part of it.
-        const int64_t partial = ArchiveWriter::resumable(dir, getFileNameFromPath(record.name));
+        const int64_t partial = ArchiveWriter::resumable(dir, leaf);
         int64_t from = 0;
         if (!record.md5sum.empty() && partial > 0 && partial <= record.size) {
             from = partial;
             contentLog.infoStream() << "Continuing " << record.name << " from byte " << from << " of " << record.size;
         }
-        archives.push_back(ContentReceiver::Archive{&record, action_.agentDir() + "/" + record.name, dir, from});
+        fetchedTo_.push_back(action_.contentDir_.below(getPath(record.name), uid_, gid_, 0755));
+        archives.push_back(ContentReceiver::Archive{&record, action_.agentDir() + "/" + record.name, fetchedTo_.back(),
+                                                    from});
         fetched_.push_back(&record);
         toFetch_ += std::max<int64_t>(0, record.size - from);
     }
@@ -264,44 +286,58 @@ void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
     ContentReceiver::Events events;
     events.started = [&statusDue](std::size_t) { statusDue = true; };
     events.received = [this, &shown](int64_t bytes) {
+        action_.reconnects().progressed();
+        loss_.reset();
         updater_(static_cast<int>(bytes));
         fetchedBytes_ += bytes;
         progress_.update(fetched_[shown]->name, fetchedBytes_, toFetch_);
     };
     events.arrived = [this, &statusDue](std::size_t i) {
-        arrived_.push_back(fetched_[i]->name);
+        arrive(fetched_[i]->name, fetchedTo_[i], getFileNameFromPath(fetched_[i]->name));
         updater_.fileDone();
         statusDue = true;
     };
     ContentReceiver receiver(std::move(archives), count, count > 1 ? kRangeSize : 0, action_.cfg->host, events);
     std::vector<std::unique_ptr<Stream>> streams = openStreams(receiver, count);
-    std::vector<Ssh*> connections;
-    for (const auto& stream : streams) connections.push_back(stream->ssh);
-    PeriodicTask removal(*action_.getSsh(), kRemovalInterval, [this] { return startRemoval(); });
-
+    const auto sending = [&streams] {
+        std::vector<Ssh*> connections;
+        for (const auto& stream : streams)
+            if (stream->ssh) connections.push_back(stream->ssh);
+        return connections;
+    };
     while (!receiver.finished()) {
         for (const auto& stream : streams) keepSending(*stream, receiver);
+        keepRemoving(*streams.front());
         if (statusDue) {
             statusDue = false;
             shown = receiver.current();
             saveStatus(receiver);
         }
+        const std::vector<Ssh*> connections = sending();
+        if (connections.empty()) {
+            // Every stream waits to connect again.
+            auto next = streams.front()->retryAt;
+            for (const auto& stream : streams) next = std::min(next, stream->retryAt);
+            Reconnects::wait(std::chrono::duration_cast<std::chrono::milliseconds>(next - std::chrono::steady_clock::now()));
+            continue;
+        }
         ChannelLoop(connections).run([&] {
             if (receiver.finished() || statusDue) return true;
             for (const auto& stream : streams)
                 if (stream->sender ? stream->sender->remote().ended()
-                                   : receiver.waiting(stream->index) || receiver.anythingToAsk())
+                                   : !stream->ssh || receiver.waiting(stream->index) || receiver.anythingToAsk())
                     return true;
             return false;
         });
     }
     saveStatus(receiver);
     // The senders see the end of their input and leave.
-    ChannelLoop(connections).run([&] {
+    ChannelLoop(sending()).run([&] {
         for (const auto& stream : streams)
             if (stream->sender && !stream->sender->remote().ended()) return false;
         return true;
     });
+    removalTask_.reset();
 }
 
 std::vector<std::unique_ptr<ContentTransfer::Stream>> ContentTransfer::openStreams(ContentReceiver& receiver,
@@ -330,6 +366,7 @@ std::vector<std::unique_ptr<ContentTransfer::Stream>> ContentTransfer::openStrea
 
 void ContentTransfer::keepSending(Stream& stream, ContentReceiver& receiver) {
     if (stream.sender && !stream.sender->remote().ended()) return;
+    if (stream.sender && stream.sender->remote().lost()) return lose(stream, receiver, stream.ssh->whyLost());
     if (stream.sender) {
         const CommandResult sent = stream.sender->result();
         stream.sender.reset();
@@ -339,10 +376,60 @@ void ContentTransfer::keepSending(Stream& stream, ContentReceiver& receiver) {
                                                                               : sent.errors);
     }
     if (!receiver.waiting(stream.index) && !receiver.anythingToAsk()) return;
+    if (!stream.ssh && std::chrono::steady_clock::now() >= stream.retryAt) reconnect(stream);
+    if (!stream.ssh) return;
     stream.sender.reset(new ActionCommand(action_, CommandOptions(action_.agentDir()).quietOutput().quietInput(),
                                           commandLine(perlRunning(remote::content_sender)), stream.input,
                                           stream.output));
     stream.ssh->start(stream.sender->remote());
+}
+
+void ContentTransfer::lose(Stream& stream, ContentReceiver& receiver, const std::string& why) {
+    const int64_t held = receiver.held(receiver.current());
+    receiver.lost(stream.index);
+    stream.sender.reset();
+    if (stream.index == 0) removalTask_.reset();
+    stream.ssh = nullptr;
+    stream.own.reset();
+    if (!loss_) loss_.reset(VELMO_EXC(SshConnectionFault).clone());
+    std::chrono::milliseconds pause;
+    const std::string kept = "lost (" + why + "); the bytes that arrived are kept (" + std::to_string(held) + " of " +
+                             fetched_[receiver.current()]->name + ")";
+    if (!action_.reconnects().again(stream.name(), kept, pause)) loss_->raise();
+    stream.retryAt = std::chrono::steady_clock::now() + pause;
+}
+
+void ContentTransfer::reconnect(Stream& stream) {
+    try {
+        if (stream.index == 0) {
+            stream.ssh = action_.getSsh();
+        } else {
+            stream.own = action_.connect();
+            stream.ssh = stream.own.get();
+        }
+        contentLog.infoStream() << stream.name() << " connected again";
+    } catch (const ExTraceable& e) {
+        if (!isConnectionFailure(e)) throw;
+        checkProgramTerminated();
+        std::chrono::milliseconds pause;
+        if (!loss_) loss_.reset(e.clone());
+        if (!action_.reconnects().again(stream.name(), std::string("not connected again: ") + e.what(), pause))
+            loss_->raise();
+        stream.retryAt = std::chrono::steady_clock::now() + pause;
+    }
+}
+
+void ContentTransfer::keepRemoving(Stream& first) {
+    if (removal_ && removal_->remote().ended()) endRemoval();
+    if (!removalTask_ && first.ssh)
+        removalTask_.reset(new PeriodicTask(*first.ssh, kRemovalInterval, [this, &first] {
+            return first.ssh == nullptr || startRemoval(*first.ssh);
+        }));
+}
+
+void ContentTransfer::arrive(const std::string& name, const Directory& dir, const std::string& leaf) {
+    arrived_.push_back(name);
+    here_[name] = std::make_pair(dir, leaf);
 }
 
 void ContentTransfer::saveStatus(const ContentReceiver& receiver) {
@@ -360,10 +447,10 @@ void ContentTransfer::saveStatus(const ContentReceiver& receiver) {
 
 // ------------------------------------------------------------- removal
 
-bool ContentTransfer::startRemoval() {
+bool ContentTransfer::startRemoval(Ssh& ssh) {
     if (removal_ && !removal_->remote().ended()) return true;
     endRemoval();
-    if (arrived_.empty()) return true;
+    if (arrived_.empty() || ssh.lost()) return true;
     std::string names;
     for (const std::string& name : arrived_) names += name + '\0';
     removing_.swap(arrived_);
@@ -375,7 +462,7 @@ bool ContentTransfer::startRemoval() {
     removal_.reset(new ActionCommand(action_, CommandOptions(action_.agentDir()).asRoot().quietInput(),
                                      commandLine(perlRunning(remote::archive_remover)), *removalNames_,
                                      removalOutput_));
-    action_.getSsh()->start(removal_->remote());
+    ssh.start(removal_->remote());
     return true;
 }
 
@@ -383,6 +470,13 @@ bool ContentTransfer::startRemoval() {
 // run.
 void ContentTransfer::endRemoval() {
     if (!removal_ || !removal_->remote().ended()) return;
+    if (removal_->remote().lost()) {
+        // Removed again on the next connection: nothing is lost by trying twice.
+        arrived_.insert(arrived_.end(), removing_.begin(), removing_.end());
+        removing_.clear();
+        removal_.reset();
+        return;
+    }
     const std::string& host = action_.cfg->host;
     const std::string first = action_.agentDir() + "/" + (removing_.empty() ? std::string() : removing_.front());
     try {
@@ -391,10 +485,20 @@ void ContentTransfer::endRemoval() {
             contentLog.warnStream() << "No perl on the source host: the archives that arrived stay there until the "
                                        "agent is removed";
         } else {
+            std::map<std::string, std::string> failed;
             std::istringstream failures(removalOutput_.str());
             std::string name, error;
-            while (std::getline(failures, name, '\0') && std::getline(failures, error, '\0'))
+            while (std::getline(failures, name, '\0') && std::getline(failures, error, '\0')) {
                 debugLog(VELMO_EXC(UnableToRemoveRemoteFile) % (action_.agentDir() + "/" + name) % host % error);
+                failed[name] = error;
+            }
+            // What is gone there (or was never there) needs no removal any more.
+            for (const std::string& removed : removing_) {
+                const auto at = here_.find(removed);
+                const auto why = failed.find(removed);
+                if (at != here_.end() && (why == failed.end() || why->second.find("No such file") != std::string::npos))
+                    ArchiveWriter::removed(at->second.first, at->second.second);
+            }
             if (removed.status != 0) debugLog(VELMO_EXC(UnableToRemoveRemoteFile) % first % host % removed.errors);
         }
     } catch (const ExTraceable& e) {
@@ -406,18 +510,37 @@ void ContentTransfer::endRemoval() {
     removing_.clear();
 }
 
+void ContentTransfer::removeTheRest() {
+    try {
+        action_.reconnecting("The removal on the source host", [this] {
+            Ssh* ssh = action_.getSsh();
+            if (removal_ && !removal_->remote().ended()) ChannelLoop({ssh}).run([this] { return removal_->remote().ended(); });
+            endRemoval();
+            if (!arrived_.empty() && startRemoval(*ssh))
+                ChannelLoop({ssh}).run([this] { return !removal_ || removal_->remote().ended(); });
+            const bool lost = removal_ && removal_->remote().lost();
+            endRemoval();
+            if (lost) throw VELMO_EXC(SshConnectionFault);
+        });
+    } catch (const ExTraceable& e) {
+        if (!isConnectionFailure(e)) throw;
+        contentLog.warnStream() << "The archives that arrived last stay on the source host for now: " << e.what();
+    }
+}
+
 void ContentTransfer::lastRemoval() noexcept {
     try {
         if (!removal_ && arrived_.empty()) return;
-        Ssh* ssh = action_.getSsh();
-        if (ssh->lost()) return;
+        // The connection there is, if any: no new one is made now.
+        Ssh* ssh = action_.ssh.get();
+        if (ssh == nullptr || ssh->lost()) return;
         const auto until = std::chrono::steady_clock::now() + kLastRemoval;
         const auto left = [until] {
             return std::chrono::duration_cast<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
         };
         if (removal_) ChannelLoop({ssh}).finish([this] { return removal_->remote().ended(); }, left());
         endRemoval();
-        if (!arrived_.empty() && startRemoval())
+        if (!arrived_.empty() && startRemoval(*ssh))
             ChannelLoop({ssh}).finish([this] { return !removal_ || removal_->remote().ended(); }, left());
         endRemoval();
     } catch (const std::exception& e) {
@@ -518,9 +641,13 @@ void RetrieveContentAction::retrieve() {
     status->saveFile();
 
     boost::shared_ptr<Agent> agent = theAgentsFactory().getAgent(cfg->agentName);
-    const CommandResult listed = run(
-        CommandOptions(agentDir()).asRoot().endingWithRun(),
-        commandLine({agent->getEffectiveInterpreter(), agentDir() + "/" + agent->getEntryPoint(), "--get-content-list"}));
+    CommandResult listed;
+    reconnecting("The content list", [&] {
+        listed = run(CommandOptions(agentDir()).asRoot().endingWithRun(),
+                     commandLine({agent->getEffectiveInterpreter(), agentDir() + "/" + agent->getEntryPoint(),
+                                  "--get-content-list"}));
+    });
+    reconnects().progressed();
     if (listed.status != 0) throw VELMO_EXC(CantRetrieveContentList) % listed.errors;
 
     std::unique_ptr<AgentFileList> list = getFileList(listed.output);

@@ -202,8 +202,13 @@ void SendAgentAction::execute() {
     if (agentTree)
         recursive_dir_walk_sync(localAgentDir, agentDir(),
                                 boost::bind(&SendAgentAction::sendFile, this, localAgentDir, _1, _2));
-    createDirectories();
-    copyFiles();
+    // A connection lost half way connects again and goes on with the step it
+    // was on: each step (the directories, the files, the status) may run
+    // twice, and each leaves the same.
+    reconnecting("The deployment's directories", [this] { createDirectories(); });
+    reconnects().progressed();
+    reconnecting("The deployment's files", [this] { copyFiles(); });
+    reconnects().progressed();
     if (!agentTree) throw VELMO_EXC(NoAgentDirectory) % localAgentDir.string();
 
     status->setAgentOperation(MigrationStatus::wait);
@@ -213,20 +218,21 @@ void SendAgentAction::execute() {
     boost::shared_ptr<Agent> agent = theAgentsFactory().getAgent(cfg->agentName);
     const std::string entry = agentDir() + "/" + agent->getEntryPoint();
 
-    // The agent's answer stays, whatever it was.
-    NewFile statusFile(theSession->directory(), session_names::DEPLOYMENT_STATUS);
-    NewFileWriter output(statusFile);
-    std::istringstream none;
-    IOStreamReadChannel input(none);
     CommandResult answer;
-    try {
-        answer = run(CommandOptions(agentDir()).asRoot().endingWithRun(),
-                     commandLine({agent->getEffectiveInterpreter(), entry, "--get-status"}), input, output);
-    } catch (...) {
-        statusFile.commitQuietly();
-        throw;
-    }
-    statusFile.commit();
+    reconnecting("The agent's status", [&] {
+        // The agent's answer stays, whatever it was.
+        NewFile statusFile(theSession->directory(), session_names::DEPLOYMENT_STATUS);
+        NewFileWriter output(statusFile);
+        EmptyInput none;
+        try {
+            answer = run(CommandOptions(agentDir()).asRoot().endingWithRun(),
+                         commandLine({agent->getEffectiveInterpreter(), entry, "--get-status"}), none, output);
+        } catch (...) {
+            statusFile.commitQuietly();
+            throw;
+        }
+        statusFile.commit();
+    });
     if (answer.status != 0) throw VELMO_EXC(CantRequestAgentStatus) % entry % answer.errors;
 }
 

@@ -128,11 +128,14 @@ class Session:
 
 
 class Run:
-    """The binary, started in the background; finish() waits for it and
-    leaves its exit code, output and peak memory (peak_kib)."""
+    """The binary, started in the background; finish() waits for it and leaves its exit code and
+    output, and with measure its peak memory (peak_kib)."""
 
-    def __init__(self, argv, env, stdin, session, tty=False, cwd=None):
-        self.argv, self.session, self.tty = argv, session, None
+    def __init__(self, argv, env, stdin, session, tty=False, cwd=None, measure=False):
+        self.argv, self.session, self.tty, self.peak_kib = argv, session, None, None
+        if measure:
+            # ASan as a plain build would hold memory: freed memory reused at once, no leak check at exit.
+            env = env | {"ASAN_OPTIONS": env.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=0:detect_leaks=0"}
         if tty:   # standard error on a terminal
             self.tty, slave = pty.openpty()
         self.files = [tempfile.TemporaryFile() for _ in range(2)]
@@ -145,6 +148,17 @@ class Run:
         if tty:
             os.close(slave)
         self.pid = self.proc.pid
+        if measure:
+            # The high-water mark of the program's own memory, sampled while it runs: the rusage
+            # that wait4 gives counts the forked test process too, which can be far larger.
+            self.peak_kib, self.sampler = 0, threading.Thread(target=self._sample_peak, daemon=True)
+            self.sampler.start()
+
+    def _sample_peak(self):
+        with contextlib.suppress(OSError, AttributeError):
+            while self.running():
+                self.peak_kib = max(self.peak_kib, peak_rss_kib(self.pid))
+                time.sleep(0.002)
 
     def running(self):
         """Whether it runs yet; it is not reaped here."""
@@ -159,7 +173,8 @@ class Run:
                 raise subprocess.TimeoutExpired(self.argv, timeout)
             time.sleep(0.01)
         self.proc.returncode = self.code = os.waitstatus_to_exitcode(done[1])
-        self.peak_kib = done[2].ru_maxrss
+        if self.peak_kib is not None:
+            self.sampler.join()
         self.out, self.err = (f.seek(0) or f.read() for f in self.files)
         for f in self.files:
             f.close()
@@ -230,9 +245,9 @@ class Case(unittest.TestCase):
 
     @classmethod
     def start(cls, action, *extra, session=None, login=USER, password=PASSWORD, sudo=None, host=HOST,
-              port=None, agent_dir=None, agent="probe", stdin=b"", env={}, tty=False, blocked=False):
+              port=None, agent_dir=None, agent="probe", stdin=b"", env={}, tty=False, blocked=False, measure=False):
         """Starts the binary; sudo is the sudo password, given means --sudo-password; blocked starts it
-        with SIGTERM and SIGINT blocked."""
+        with SIGTERM and SIGINT blocked; measure samples its peak memory."""
         argv = [sys.executable, "-c", "import os, signal, sys; signal.pthread_sigmask(signal.SIG_BLOCK, "
                 "[signal.SIGTERM, signal.SIGINT]); os.execv(sys.argv[1], sys.argv[1:])"] if blocked else []
         argv += [BIN, action, "--host=" + host, "--port=%d" % (port or cls.port), "--login=" + login]
@@ -240,7 +255,7 @@ class Case(unittest.TestCase):
         argv += ["--agent-dir=" + agent_dir, "--agent-name=" + agent] if agent_dir else []
         session = session or cls.session()
         return Run(argv + ["--session-path", session.path] + list(extra),
-                   environment(password, sudo) | env, stdin, session, tty)
+                   environment(password, sudo) | env, stdin, session, tty, measure=measure)
 
     @classmethod
     def run_vantrel(cls, *args, timeout=300, **kw):

@@ -69,6 +69,15 @@ class InstalledToolTest(unittest.TestCase):
         usage = run([self.bin, "--help"])[1].decode()
         for option in set(re.findall(r"--[a-z-]+", usage)) | {"--version"}:
             self.assertIn(option, manual.replace("\\-", "-"))
+        # ... and every variable the program reads, the signals it answers and its longest wait.
+        read_here = set()
+        for d in ("vantrel", "commons", "utils"):
+            for root, _, names in os.walk(os.path.join(h.SOURCE, d)):
+                for n in names:
+                    read_here |= set(re.findall(r'"(KVA_[A-Z_]+)"', read(root, n)))
+        self.assertGreater(len(read_here), 5)
+        for name in read_here | {"SSH_AUTH_SOCK", "SIGTERM", "SIGINT", "120"}:
+            self.assertIn(name, manual.replace("\\_", "_"))
 
     def test_terminal_adds_reasons_and_causes(self):
         closed = str(h.free_port())

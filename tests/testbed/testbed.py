@@ -212,7 +212,7 @@ class ScriptedServer:
     authentication; "kbdint-3-prompts" asks for the password three times in one
     keyboard-interactive request; "fail-first-handshake" drops connection 1 after
     the client's banner, "fail-handshake" every connection; "cut" ends the TCP connection (a FIN, nothing else) once
-    cut_after bytes of a command's output went out. It logs the test accounts in
+    cut_after bytes of a command's output went out, "cut-then-down" too and takes no connection after that. It logs the test accounts in
     by password and runs commands through their login shells, as them. events
     lists "CONNECT n", "AUTH n ok|failed", "EXEC n <command>", "CUT n"."""
 
@@ -303,9 +303,11 @@ class _Interface(paramiko.ServerInterface):
                 self.server.held.append(proc)
                 sent = 0
                 for data in iter(lambda: proc.stdout.read1(65536), b""):
-                    if self.mode == "cut" and sent + len(data) >= self.server.cut_after:
+                    if self.mode.startswith("cut") and sent + len(data) >= self.server.cut_after:
                         channel.sendall(data[:self.server.cut_after - sent])
                         self.server.events.append("CUT %d" % self.n)
+                        if self.mode == "cut-then-down":
+                            self.server.listener.close()
                         self.transport.sock.shutdown(socket.SHUT_WR)
                         # Closed for good later, so that no reset destroys what the client has not read yet.
                         threading.Timer(5, self.transport.close).start()

@@ -1,0 +1,72 @@
+#include "vantrel/reconnects.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <thread>
+
+#include <log4cpp/Category.hh>
+
+#include "commons/ssh-transfer.h"
+
+namespace velmo {
+
+namespace {
+
+log4cpp::Category& reconnectLog = log4cpp::Category::getInstance("p.Action");
+
+const int kMostTries = 8;
+const double kFirstPauseSec = 2;
+const double kPauseGrowth = 1.5;
+const double kLongestPauseSec = 60;
+const long kDefaultDeadlineSec = 600;
+const long kLongestDeadlineSec = 7 * 24 * 3600;
+
+long deadlineSec() {
+    const char* text = std::getenv("KVA_RECONNECT_DEADLINE");
+    if (text == nullptr || *text == '\0') return kDefaultDeadlineSec;
+    char* end = nullptr;
+    const long value = std::strtol(text, &end, 10);
+    if (*end != '\0' || value < 0 || value > kLongestDeadlineSec) {
+        reconnectLog.warnStream() << "Ignoring KVA_RECONNECT_DEADLINE='" << text << "': not a number of seconds from 0 to "
+                                  << kLongestDeadlineSec;
+        return kDefaultDeadlineSec;
+    }
+    return value;
+}
+
+}  // namespace
+
+bool isConnectionFailure(const ExTraceable& e) {
+    return dynamic_cast<const Exc<&SshConnectionFault>*>(&e) || dynamic_cast<const Exc<&ConnectionRefused>*>(&e) ||
+           dynamic_cast<const Exc<&ConnectionTimedOut>*>(&e) || dynamic_cast<const Exc<&NetworkUnreachable>*>(&e) ||
+           dynamic_cast<const Exc<&HostUnreachable>*>(&e) || dynamic_cast<const Exc<&ConnectionFault>*>(&e) ||
+           dynamic_cast<const Exc<&HostNotFound>*>(&e) || dynamic_cast<const Exc<&UnableToStartSshSession>*>(&e);
+}
+
+Reconnects::Reconnects() : deadline_(std::chrono::seconds(deadlineSec())) {}
+
+bool Reconnects::again(const std::string& what, const std::string& why, std::chrono::milliseconds& pause) {
+    const auto now = std::chrono::steady_clock::now();
+    if (tries_ == 0) firstLoss_ = now;
+    const double seconds = std::min(kLongestPauseSec, kFirstPauseSec * std::pow(kPauseGrowth, tries_));
+    pause = std::chrono::milliseconds(static_cast<long>(seconds * 1000));
+    const bool more = ++tries_ <= kMostTries && now + pause - firstLoss_ <= deadline_;
+    if (more)
+        reconnectLog.warnStream() << what << ": " << why << "; connecting again in " << seconds << " s (try " << tries_
+                                  << " of " << kMostTries << ")";
+    else
+        reconnectLog.errorStream() << what << ": " << why << "; giving up after " << tries_ - 1 << " tries";
+    return more;
+}
+
+void Reconnects::wait(std::chrono::milliseconds pause) {
+    const auto until = std::chrono::steady_clock::now() + pause;
+    while (std::chrono::steady_clock::now() < until) {
+        checkProgramTerminated();
+        std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
+            std::chrono::milliseconds(100), until - std::chrono::steady_clock::now()));
+    }
+}
+
+}  // namespace velmo
