@@ -42,6 +42,24 @@ int connectStoppably(int fd, const addrinfo* address) {
     return error;
 }
 
+// Every remote command is a few small packets (channel open, exec,
+// close) that wait on one another; held back for the peer's delayed
+// acknowledgement, each would cost some 40 ms. A link that stalls is a lost
+// connection after half a minute: an idle one is probed (and a NAT on the
+// way kept awake), and what is sent must be acknowledged within that time.
+void setLinkOptions(int fd) {
+    const int one = 1;
+    if (::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) != 0)
+        logger.debugStream() << "TCP_NODELAY not set: " << std::strerror(errno);
+    const int idle = 15, interval = 5, probes = 3, unacknowledgedMs = 30000;
+    if (::setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &one, sizeof one) != 0 ||
+        ::setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle) != 0 ||
+        ::setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof interval) != 0 ||
+        ::setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes) != 0 ||
+        ::setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &unacknowledgedMs, sizeof unacknowledgedMs) != 0)
+        logger.debugStream() << "Keepalive not set: " << std::strerror(errno);
+}
+
 }  // namespace
 
 addrinfo* Socket::gethostbyname(const std::string& host, unsigned short port) {
@@ -103,22 +121,7 @@ Socket::Socket(const std::string& host, unsigned short port) : fd_(-1), addresse
             throw VELMO_EXC(ConnectionFault) % host % reason;
         }
     }
-    // Every remote command is a few small packets (channel open, exec,
-    // close) that wait on one another; held back for the peer's delayed
-    // acknowledgement, each would cost some 40 ms.
-    const int one = 1;
-    if (::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) != 0)
-        logger.debugStream() << "TCP_NODELAY not set: " << std::strerror(errno);
-    // A link that stalls is a lost connection after half a minute: an idle
-    // one is probed (and a NAT on the way kept awake), and what is sent
-    // must be acknowledged within that time.
-    const int idle = 15, interval = 5, probes = 3, unacknowledgedMs = 30000;
-    if (::setsockopt(fd_, SOL_SOCKET, SO_KEEPALIVE, &one, sizeof one) != 0 ||
-        ::setsockopt(fd_, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle) != 0 ||
-        ::setsockopt(fd_, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof interval) != 0 ||
-        ::setsockopt(fd_, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes) != 0 ||
-        ::setsockopt(fd_, IPPROTO_TCP, TCP_USER_TIMEOUT, &unacknowledgedMs, sizeof unacknowledgedMs) != 0)
-        logger.debugStream() << "Keepalive not set: " << std::strerror(errno);
+    setLinkOptions(fd_);
     logger.debugStream() << "Connected";
 }
 

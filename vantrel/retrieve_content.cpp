@@ -171,6 +171,10 @@ private:
     std::vector<ContentReceiver::Archive> plan(const std::vector<DumpFile>& records);
     void fetch(std::vector<ContentReceiver::Archive> archives);
     std::vector<std::unique_ptr<Stream>> openStreams(ContentReceiver& receiver, int count);
+    // The connections that streams have now.
+    static std::vector<Ssh*> connected(const std::vector<std::unique_ptr<Stream>>& streams);
+    // Every stream waits to connect again: sleeps until the first may.
+    static void waitForFirst(const std::vector<std::unique_ptr<Stream>>& streams);
     // Settles what a sender that ended means, connects a stream that lost
     // its connection again when its pause is over, and starts a sender on a
     // stream that has work and none.
@@ -299,12 +303,6 @@ void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
     };
     ContentReceiver receiver(std::move(archives), count, count > 1 ? kRangeSize : 0, action_.cfg->host, events);
     std::vector<std::unique_ptr<Stream>> streams = openStreams(receiver, count);
-    const auto sending = [&streams] {
-        std::vector<Ssh*> connections;
-        for (const auto& stream : streams)
-            if (stream->ssh) connections.push_back(stream->ssh);
-        return connections;
-    };
     while (!receiver.finished()) {
         for (const auto& stream : streams) keepSending(*stream, receiver);
         keepRemoving(*streams.front());
@@ -313,12 +311,9 @@ void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
             shown = receiver.current();
             saveStatus(receiver);
         }
-        const std::vector<Ssh*> connections = sending();
+        const std::vector<Ssh*> connections = connected(streams);
         if (connections.empty()) {
-            // Every stream waits to connect again.
-            auto next = streams.front()->retryAt;
-            for (const auto& stream : streams) next = std::min(next, stream->retryAt);
-            Reconnects::wait(std::chrono::duration_cast<std::chrono::milliseconds>(next - std::chrono::steady_clock::now()));
+            waitForFirst(streams);
             continue;
         }
         ChannelLoop(connections).run([&] {
@@ -332,12 +327,25 @@ void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
     }
     saveStatus(receiver);
     // The senders see the end of their input and leave.
-    ChannelLoop(sending()).run([&] {
+    ChannelLoop(connected(streams)).run([&] {
         for (const auto& stream : streams)
             if (stream->sender && !stream->sender->remote().ended()) return false;
         return true;
     });
     removalTask_.reset();
+}
+
+std::vector<Ssh*> ContentTransfer::connected(const std::vector<std::unique_ptr<Stream>>& streams) {
+    std::vector<Ssh*> connections;
+    for (const auto& stream : streams)
+        if (stream->ssh) connections.push_back(stream->ssh);
+    return connections;
+}
+
+void ContentTransfer::waitForFirst(const std::vector<std::unique_ptr<Stream>>& streams) {
+    auto next = streams.front()->retryAt;
+    for (const auto& stream : streams) next = std::min(next, stream->retryAt);
+    Reconnects::wait(std::chrono::duration_cast<std::chrono::milliseconds>(next - std::chrono::steady_clock::now()));
 }
 
 std::vector<std::unique_ptr<ContentTransfer::Stream>> ContentTransfer::openStreams(ContentReceiver& receiver,
