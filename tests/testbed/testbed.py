@@ -162,8 +162,10 @@ class SshServer:
     interactive only), "pubkey" (the keys only)."""
     METHODS = {"default": ("yes", "yes", "yes"), "kbdint": ("no", "yes", "no"), "pubkey": ("no", "no", "yes")}
 
-    def __init__(self, variant="default", log_level="VERBOSE", key=None, host=HOST):
-        self.variant, self.log_level, self.host, self.proc, self.key = variant, log_level, host, None, key
+    def __init__(self, variant="default", log_level="VERBOSE", key=None, host=HOST, netns=None):
+        """host: the address to listen on; netns: the path of a network namespace to run in (bench/linklib.py)."""
+        self.variant, self.log_level, self.host, self.proc, self.key, self.netns = \
+            variant, log_level, host, None, key, netns
 
     def start(self):
         os.makedirs("/run/sshd", 0o755, exist_ok=True)
@@ -181,13 +183,19 @@ class SshServer:
                     "KexAlgorithms +diffie-hellman-group1-sha1", "LogLevel " + self.log_level,
                     "Subsystem sftp internal-sftp", ""]))   # for scp, in the benchmarks
             with open(self.log, "ab") as log:
-                self.proc = subprocess.Popen(["/usr/sbin/sshd", "-D", "-e", "-f", f.name], stdin=subprocess.DEVNULL,
+                self.proc = subprocess.Popen((["nsenter", "--net=" + self.netns] if self.netns else []) +
+                                             ["/usr/sbin/sshd", "-D", "-e", "-f", f.name], stdin=subprocess.DEVNULL,
                                              stdout=log, stderr=log)
             deadline = time.monotonic() + 10
             while self.proc.poll() is None and time.monotonic() < deadline:
-                with contextlib.suppress(OSError), socket.create_connection((self.host, self.port), 1) as s:
-                    if s.recv(8) == b"SSH-2.0-":
-                        return self
+                if self.netns:   # out of reach from here: its log tells when it listens
+                    with open(self.log, "rb") as log:
+                        if b"Server listening on" in log.read():
+                            return self
+                else:
+                    with contextlib.suppress(OSError), socket.create_connection((self.host, self.port), 1) as s:
+                        if s.recv(8) == b"SSH-2.0-":
+                            return self
                 time.sleep(0.02)
             kill_tree(self.proc.pid)
             self.proc.wait()
