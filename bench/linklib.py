@@ -33,6 +33,8 @@ import re
 import signal
 import subprocess
 import sys
+import threading
+import types
 
 SOURCE = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
 SOURCE_ADDR, CLIENT_ADDR = "198.18.0.1", "198.18.0.2"
@@ -179,6 +181,30 @@ class Link:
         res = self.run_client(["ss", "-K", "-t", "-n"] + (expression or ["dst", SOURCE_ADDR]),
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         return res.stdout
+
+    @contextlib.contextmanager
+    def peak_kib(self, side, word):
+        """Watches, while the block runs, the processes of side's namespace
+        whose command line holds word (bytes); .kib is then the highest
+        peak memory (VmHWM) among them, 0 if none was seen."""
+        result, stop = types.SimpleNamespace(kib=0), threading.Event()
+
+        def watch():
+            while not stop.wait(0.05):
+                for pid in _ns_pids(self.names[side]):
+                    with contextlib.suppress(OSError, IndexError, ValueError):
+                        with open("/proc/%d/cmdline" % pid, "rb") as f:
+                            if word not in f.read():
+                                continue
+                        with open("/proc/%d/status" % pid) as f:
+                            result.kib = max(result.kib, int(f.read().split("VmHWM:")[1].split()[0]))
+        watcher = threading.Thread(target=watch)
+        watcher.start()
+        try:
+            yield result
+        finally:
+            stop.set()
+            watcher.join()
 
     def sshd(self, variant="default"):
         """tests/testbed's sshd in the source namespace, listening on
