@@ -21,6 +21,9 @@
 //                         them again
 //   stats                 "ok DIR packets=.. bytes=.. lost=.. tail=.. down=.."
 //                         for each direction
+//   seed N                starts the random losses of both directions again
+//                         from N: runs that start from the same seed meet
+//                         the same losses, packet for packet
 //
 // The end of standard input ends the program; the devices go with it.
 //
@@ -119,6 +122,11 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return settings_;
     }
+    void reseed(uint64_t seed) {
+        seed_ = seed;
+        reseed_ = true;
+        wake();
+    }
     void setDown(bool down) {
         down_ = down;
         wake();
@@ -149,7 +157,8 @@ private:
     std::size_t mtu_ = 1500;
     std::mutex mutex_;
     Settings settings_;
-    std::atomic<bool> down_{false}, stopping_{false};
+    std::atomic<bool> down_{false}, stopping_{false}, reseed_{false};
+    std::atomic<uint64_t> seed_{0};
     std::atomic<uint64_t> packets_{0}, bytes_{0}, lost_{0}, tail_{0}, downDrops_{0};
     std::mt19937_64 random_;
     std::uniform_real_distribution<double> uniform_{0.0, 1.0};
@@ -167,6 +176,7 @@ void Direction::run() {
         (void)!read(timer_, &count, sizeof count);
         (void)!read(wake_, &count, sizeof count);
         const Settings s = settings();
+        if (reseed_.exchange(false)) random_.seed(seed_);
         if (down_) {
             downDrops_ += held_.size();
             held_.clear();
@@ -379,6 +389,7 @@ int main(int argc, char** argv) {
     while (std::getline(std::cin, line)) {
         std::istringstream words(line);
         std::string command, which;
+        uint64_t n = 0;
         words >> command;
         if (command == "set") {
             words >> which;
@@ -403,6 +414,10 @@ int main(int argc, char** argv) {
         } else if (command == "down" || command == "up") {
             toClient.setDown(command == "down");
             toSource.setDown(command == "down");
+            std::cout << "ok" << std::endl;
+        } else if (command == "seed" && (words >> n)) {
+            toClient.reseed(n);
+            toSource.reseed(n * 7919 + 1);
             std::cout << "ok" << std::endl;
         } else if (command == "stats") {
             std::cout << "ok " << toClient.stats() << "; " << toSource.stats() << std::endl;

@@ -139,6 +139,11 @@ class Link:
         loss (0..1), rate (Mbit/s, 0: none), queue (bytes)."""
         self._command("set %s %s" % (direction, " ".join("%s=%s" % kv for kv in settings.items())))
 
+    def seed(self, seed):
+        """Starts the random losses again from seed: runs that start from the
+        same seed lose the same packets (by their order on the link)."""
+        self._command("seed %d" % seed)
+
     def down(self):
         """Drops every packet from now on, those on their way too."""
         self._command("down")
