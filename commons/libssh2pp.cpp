@@ -23,10 +23,11 @@ namespace libssh2pp {
 static log4cpp::Category& sessionLogger = log4cpp::Category::getInstance("p.libssh2pp.Session");
 static log4cpp::Category& channelLogger = log4cpp::Category::getInstance("p.libssh2pp.Channel");
 
-// Receive window of a channel: one round trip of the fastest link that this
-// client can drain (libssh2 reads some 120 MiB/s), within bounds. On a short
-// link the window stays small, so that little waits in memory; a channel
-// holds at most its window. OpenSSH gives a channel's input 16 MiB at most.
+// Receive window of a channel: it opens with kMinWindow and may grow to one
+// round trip of the fastest link that this client can drain (libssh2 reads
+// some 120 MiB/s), within bounds. On a short link the window stays small, so
+// that little waits in memory; a channel holds at most its window. OpenSSH
+// gives a channel's input 16 MiB at most.
 static const double kDrainBytesPerMs = 256.0 * 1024;
 static const unsigned kMinWindow = 2u << 20;
 static const unsigned kMaxWindow = 15u << 20;
@@ -325,9 +326,12 @@ void Session::userauth_callback(const char* /*name*/, int /*name_len*/, const ch
 }
 
 LIBSSH2_CHANNEL* Session::openChannel(unsigned maxWindow) {
-    const double window = std::min<double>(
-        maxWindow, std::min<double>(kMaxWindow, std::max<double>(kMinWindow, roundTripMs_ * kDrainBytesPerMs)));
-    return libssh2_channel_open_ex(get(), "session", 7, static_cast<unsigned>(window), kPacketSize, nullptr, 0);
+    return libssh2_channel_open_ex(get(), "session", 7, std::min(maxWindow, kMinWindow), kPacketSize, nullptr, 0);
+}
+
+unsigned Session::windowCeiling(unsigned maxWindow) const {
+    return static_cast<unsigned>(
+        std::min<double>(maxWindow, std::min<double>(kMaxWindow, std::max<double>(kMinWindow, roundTripMs_ * kDrainBytesPerMs))));
 }
 
 void Session::create_reserve_channel() {

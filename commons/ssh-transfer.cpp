@@ -337,6 +337,23 @@ int Ssh::exec(const std::string& command, IOReadChannel& in, IOWriteChannel& out
     return remote.status();
 }
 
+// A window far beyond what the link carries only fills the server's buffer:
+// OpenSSH's sshd reads a command's output as long as the window lets it, and
+// it enlarges that buffer by copying it whole for every 32 KiB it reads. With
+// megabytes waiting there, the copies take more of its time than the link
+// does, and the sender stalls. So a channel opens small and its window grows
+// as the data comes, to about two round trips of what the link carries.
+void RemoteCommand::Window::arrived(std::size_t bytes, double roundTripMs) {
+    since += bytes;
+    const auto now = std::chrono::steady_clock::now();
+    const double elapsedMs = std::chrono::duration<double, std::milli>(now - mark).count();
+    if (elapsedMs < roundTripMs) return;
+    const double perRoundTrip = static_cast<double>(since) * roundTripMs / elapsedMs;
+    target = std::max(target, static_cast<unsigned long>(std::min(static_cast<double>(ceiling), 2 * perRoundTrip)));
+    since = 0;
+    mark = now;
+}
+
 // ------------------------------------------------------------ the phases
 
 bool Ssh::take(Step step, RemoteCommand& command) {
@@ -383,9 +400,10 @@ bool Ssh::service() {
                 progress |= take(&Ssh::startCommand, command);
                 break;
             case RemoteCommand::Phase::running:
-                progress |= take(&Ssh::sendInput, command);
-                if (!pendingStep_) progress |= take(&Ssh::sendEof, command);
-                if (!pendingStep_) progress |= take(&Ssh::receive, command);
+                // Each step while the one before left the command running.
+                for (const Step step : {&Ssh::sendInput, &Ssh::sendEof, &Ssh::receive, &Ssh::growWindow})
+                    if (!pendingStep_ && !lost_ && command.phase_ == RemoteCommand::Phase::running)
+                        progress |= take(step, command);
                 break;
             case RemoteCommand::Phase::closing:
                 progress |= take(&Ssh::close, command);
@@ -423,8 +441,8 @@ bool Ssh::open(RemoteCommand& command) {
     // Under a cap, a channel's window holds a quarter of a second's worth:
     // what crosses the link keeps close to what the cap lets through.
     const long long rate = RateLimit::rate();
-    LIBSSH2_CHANNEL* channel =
-        session_->openChannel(rate == 0 ? UINT32_MAX : static_cast<unsigned>(std::max(64LL << 10, rate / 4)));
+    const unsigned maxWindow = rate == 0 ? UINT32_MAX : static_cast<unsigned>(std::max(64LL << 10, rate / 4));
+    LIBSSH2_CHANNEL* channel = session_->openChannel(maxWindow);
     if (channel == nullptr) {
         const int error = session_->lastErrno();
         if (error == LIBSSH2_ERROR_EAGAIN) return false;
@@ -441,6 +459,9 @@ bool Ssh::open(RemoteCommand& command) {
     opening_ = false;
     session_->channelOpened(command.asked_);
     command.channel_.reset(new libssh2pp::Channel(channel));
+    libssh2_channel_window_read_ex(channel, nullptr, &command.window_.target);
+    command.window_.ceiling = session_->windowCeiling(maxWindow);
+    command.window_.mark = std::chrono::steady_clock::now();
     enter(command, RemoteCommand::Phase::starting);
     return true;
 }
@@ -529,6 +550,7 @@ bool Ssh::receive(RemoteCommand& command) {
             progress = true;
             read += static_cast<std::size_t>(n);
             RateLimit::spend(static_cast<std::size_t>(n));
+            command.window_.arrived(static_cast<std::size_t>(n), session_->roundTripMs());
             if (command.how_.logOutput) command.log_->output[stream].add(buffer.data(), static_cast<std::size_t>(n));
             if (stream == 0) (*command.how_.counter)(static_cast<int>(n));
             pump_write(stream == 0 ? command.out_ : command.err_, buffer.data(), static_cast<int>(n));
@@ -548,6 +570,23 @@ bool Ssh::receive(RemoteCommand& command) {
         return true;
     }
     return progress;
+}
+
+bool Ssh::growWindow(RemoteCommand& command) {
+    RemoteCommand::Window& window = command.window_;
+    LIBSSH2_CHANNEL* channel = rawChannel(command.channel_);
+    if (window.due == 0) {
+        const unsigned long left = libssh2_channel_window_read_ex(channel, nullptr, nullptr);
+        if (left >= window.target - window.target / 4) return false;
+        window.due = window.target - left;
+    }
+    // Called again with the same amount until it went out: the library
+    // counts what it is given on the call that completes.
+    const int rc = libssh2_channel_receive_window_adjust2(channel, window.due, 1, nullptr);
+    if (rc == LIBSSH2_ERROR_EAGAIN) return false;
+    window.due = 0;
+    if (isSocketError(rc)) loseConnection();
+    return true;
 }
 
 bool Ssh::close(RemoteCommand& command) {
@@ -713,11 +752,11 @@ bool Ssh::hasQueued() const {
     return false;
 }
 
-void ChannelLoop::run(const std::function<bool()>& done) {
+void ChannelLoop::run(const std::function<bool()>& done, long longestWaitMs) {
     OnlyLoop only;
     while (!done()) {
         checkProgramTerminated();
-        if (!pass()) return;
+        if (!pass(longestWaitMs)) return;
     }
 }
 

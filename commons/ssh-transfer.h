@@ -202,6 +202,17 @@ private:
     int status_ = -1;
     bool lost_ = false;
     std::unique_ptr<class CommandLog> log_;
+    // The channel's receive window, grown with what the link carries.
+    struct Window {
+        // Once a round trip the target may grow to twice what arrived in the
+        // last one, up to the ceiling; it never shrinks.
+        void arrived(std::size_t bytes, double roundTripMs);
+        unsigned long target = 0;   // what it is to hold
+        unsigned long ceiling = 0;  // what it may grow to
+        std::size_t since = 0;      // bytes since mark
+        std::chrono::steady_clock::time_point mark;
+        unsigned long due = 0;      // an adjustment not sent whole yet
+    } window_;
 };
 
 // One authenticated connection to the source host.
@@ -281,6 +292,9 @@ private:
     bool sendInput(RemoteCommand& command);
     bool sendEof(RemoteCommand& command);
     bool receive(RemoteCommand& command);
+    // Lets the peer send more when the window has fallen below three
+    // quarters of its target.
+    bool growWindow(RemoteCommand& command);
     bool close(RemoteCommand& command);
     // Calls a step; a step that the library left with a packet half sent is
     // remembered, and the next pass starts by finishing it.
@@ -338,8 +352,9 @@ public:
     explicit ChannelLoop(std::vector<Ssh*> connections) : connections_(std::move(connections)) {}
 
     // Passes until done() is true, or no connection has a command left; a
-    // stop request ends it with MigrationTerminatedException.
-    void run(const std::function<bool()>& done);
+    // stop request ends it with MigrationTerminatedException. Between passes
+    // it waits for the sockets longestWaitMs at most.
+    void run(const std::function<bool()>& done, long longestWaitMs = 5000);
     // The same, after a stop request, for at most limit: one last exchange
     // (removing on the source host what arrived, say) that the stop does
     // not cut short. False when the limit came first.

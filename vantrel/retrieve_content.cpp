@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <map>
 #include <memory>
 #include <regex>
@@ -173,8 +174,15 @@ private:
     std::vector<std::unique_ptr<Stream>> openStreams(ContentReceiver& receiver, int count);
     // The connections that streams have now.
     static std::vector<Ssh*> connected(const std::vector<std::unique_ptr<Stream>>& streams);
-    // Every stream waits to connect again: sleeps until the first may.
+    // No stream has a connection: sleeps until a login ends or the first
+    // stream may try again.
     static void waitForFirst(const std::vector<std::unique_ptr<Stream>>& streams);
+    // Streams but the first log in on threads of their own, while the others
+    // work; a stream takes its connection once its login is over.
+    void startLogin(Stream& stream);
+    bool loggedIn(Stream& stream);
+    // A connection could not be made again: the next try waits its pause.
+    void notConnected(Stream& stream, const ExTraceable& e);
     // Settles what a sender that ended means, connects a stream that lost
     // its connection again when its pause is over, and starts a sender on a
     // stream that has work and none.
@@ -229,6 +237,12 @@ struct ContentTransfer::Stream {
     Answers output;
     std::unique_ptr<ActionCommand> sender;
     std::chrono::steady_clock::time_point retryAt;
+    std::future<std::unique_ptr<Ssh>> login;  // on its way
+    bool everConnected = false;
+    bool unused = false;  // its first login failed: the others do without it
+
+    bool loggingIn() const { return login.valid(); }
+    bool loginOver() const { return loggingIn() && login.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
 };
 
 void ContentTransfer::run(const std::vector<DumpFile>& records) {
@@ -316,14 +330,17 @@ void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
             waitForFirst(streams);
             continue;
         }
+        bool loggingIn = false;
+        for (const auto& stream : streams) loggingIn |= stream->loggingIn();
         ChannelLoop(connections).run([&] {
             if (receiver.finished() || statusDue) return true;
             for (const auto& stream : streams)
-                if (stream->sender ? stream->sender->remote().ended()
-                                   : !stream->ssh || receiver.waiting(stream->index) || receiver.anythingToAsk())
+                if (stream->loginOver() || (stream->sender ? stream->sender->remote().ended()
+                                                           : !stream->ssh || receiver.waiting(stream->index) ||
+                                                                 receiver.anythingToAsk()))
                     return true;
             return false;
-        });
+        }, loggingIn ? 20 : 5000);
     }
     saveStatus(receiver);
     // The senders see the end of their input and leave.
@@ -343,36 +360,66 @@ std::vector<Ssh*> ContentTransfer::connected(const std::vector<std::unique_ptr<S
 }
 
 void ContentTransfer::waitForFirst(const std::vector<std::unique_ptr<Stream>>& streams) {
-    auto next = streams.front()->retryAt;
-    for (const auto& stream : streams) next = std::min(next, stream->retryAt);
+    auto next = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    for (const auto& stream : streams) {
+        if (stream->loggingIn())
+            next = std::min(next, std::chrono::steady_clock::now() + std::chrono::milliseconds(20));
+        else if (!stream->unused)
+            next = std::min(next, stream->retryAt);
+    }
     Reconnects::wait(std::chrono::duration_cast<std::chrono::milliseconds>(next - std::chrono::steady_clock::now()));
+}
+
+void ContentTransfer::startLogin(Stream& stream) {
+    stream.login = std::async(std::launch::async, [this] { return action_.connect(); });
+}
+
+bool ContentTransfer::loggedIn(Stream& stream) {
+    try {
+        stream.own = stream.login.get();
+        stream.ssh = stream.own.get();
+        if (stream.everConnected) contentLog.infoStream() << stream.name() << " connected again";
+        stream.everConnected = true;
+        return true;
+    } catch (const ExTraceable& e) {
+        checkProgramTerminated();
+        if (stream.everConnected) {
+            notConnected(stream, e);
+        } else {
+            // A host that takes no more connections (sshd's MaxStartups, say)
+            // is served by fewer streams.
+            contentLog.warnStream() << stream.name() << " not opened, going on without it: " << e.what();
+            stream.unused = true;
+        }
+        return false;
+    }
+}
+
+void ContentTransfer::notConnected(Stream& stream, const ExTraceable& e) {
+    if (!isConnectionFailure(e)) e.raise();
+    std::chrono::milliseconds pause;
+    if (!loss_) loss_.reset(e.clone());
+    if (!action_.reconnects().again(stream.name(), std::string("not connected again: ") + e.what(), pause))
+        loss_->raise();
+    stream.retryAt = std::chrono::steady_clock::now() + pause;
 }
 
 std::vector<std::unique_ptr<ContentTransfer::Stream>> ContentTransfer::openStreams(ContentReceiver& receiver,
                                                                                    int count) {
     std::vector<std::unique_ptr<Stream>> streams;
     streams.emplace_back(new Stream(receiver, 0, action_.getSsh()));
+    streams.front()->everConnected = true;
     for (int i = 1; i < count; ++i) {
-        try {
-            std::unique_ptr<Stream> stream(new Stream(receiver, i, nullptr));
-            stream->own = action_.connect();
-            stream->ssh = stream->own.get();
-            streams.push_back(std::move(stream));
-        } catch (const ExTraceable& e) {
-            // A host that takes no more connections (sshd's MaxStartups, say)
-            // is served by fewer streams.
-            checkProgramTerminated();
-            contentLog.warnStream() << "Stream " << i + 1 << " of " << count << " not opened, going on with "
-                                    << streams.size() << ": " << e.what();
-            break;
-        }
+        streams.emplace_back(new Stream(receiver, i, nullptr));
+        startLogin(*streams.back());
     }
     contentLog.infoStream() << "Fetching " << toFetch_ << " bytes of " << fetched_.size() << " archive(s) over "
-                            << streams.size() << " stream(s)";
+                            << count << " stream(s)";
     return streams;
 }
 
 void ContentTransfer::keepSending(Stream& stream, ContentReceiver& receiver) {
+    if (stream.unused || (stream.loggingIn() && (!stream.loginOver() || !loggedIn(stream)))) return;
     if (stream.sender && !stream.sender->remote().ended()) return;
     if (stream.sender && stream.sender->remote().lost()) return lose(stream, receiver, stream.ssh->whyLost());
     if (stream.sender) {
@@ -408,22 +455,15 @@ void ContentTransfer::lose(Stream& stream, ContentReceiver& receiver, const std:
 }
 
 void ContentTransfer::reconnect(Stream& stream) {
+    if (stream.index != 0) return startLogin(stream);
+    // The first stream's connection is the action's, which the removal
+    // shares: it is made here.
     try {
-        if (stream.index == 0) {
-            stream.ssh = action_.getSsh();
-        } else {
-            stream.own = action_.connect();
-            stream.ssh = stream.own.get();
-        }
+        stream.ssh = action_.getSsh();
         contentLog.infoStream() << stream.name() << " connected again";
     } catch (const ExTraceable& e) {
-        if (!isConnectionFailure(e)) throw;
         checkProgramTerminated();
-        std::chrono::milliseconds pause;
-        if (!loss_) loss_.reset(e.clone());
-        if (!action_.reconnects().again(stream.name(), std::string("not connected again: ") + e.what(), pause))
-            loss_->raise();
-        stream.retryAt = std::chrono::steady_clock::now() + pause;
+        notConnected(stream, e);
     }
 }
 
