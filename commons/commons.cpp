@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 
 #include <fcntl.h>
 #include <pwd.h>
@@ -85,6 +86,8 @@ void getAdminIds(uid_t& uid, gid_t& gid) {
 }
 
 namespace {
+// Logins on several threads register their secrets while others log.
+std::mutex secretsMutex;
 std::vector<std::string>& secrets() {
     static std::vector<std::string> list;
     return list;
@@ -99,11 +102,13 @@ const std::size_t kMinMaskedInMessages = 6;
 }  // namespace
 
 void addPlainName(const std::string& name) {
+    std::lock_guard<std::mutex> lock(secretsMutex);
     if (!name.empty()) plainNames().push_back(name);
 }
 
 void addSecret(const std::string& secret) {
     if (secret.empty()) return;
+    std::lock_guard<std::mutex> lock(secretsMutex);
     std::vector<std::string>& list = secrets();
     if (std::find(list.begin(), list.end(), secret) != list.end()) return;
     list.push_back(secret);
@@ -114,6 +119,7 @@ void addSecret(const std::string& secret) {
 
 std::string maskSecrets(const std::string& text, bool inMessage) {
     std::string out = text;
+    std::lock_guard<std::mutex> lock(secretsMutex);
     for (const std::string& secret : secrets()) {
         if (inMessage) {
             if (secret.size() < kMinMaskedInMessages) continue;

@@ -56,14 +56,16 @@ Channel::~Channel() {
     channelLogger.debugStream() << "Closed";
 }
 
-bool Channel::closedByPeer() {
+Channel::State Channel::state() {
     LIBSSH2_POLLFD entry;
     entry.type = LIBSSH2_POLLFD_CHANNEL;
     entry.fd.channel = get();
     entry.events = 0;
     entry.revents = 0;
     libssh2_poll(&entry, 1, 0);
-    return (entry.revents & LIBSSH2_POLLFD_CHANNEL_CLOSED) != 0;
+    // A connection that went away marks its channels closed too.
+    if ((entry.revents & LIBSSH2_POLLFD_SESSION_CLOSED) != 0) return State::connectionGone;
+    return (entry.revents & LIBSSH2_POLLFD_CHANNEL_CLOSED) != 0 ? State::closedByPeer : State::open;
 }
 
 bool isConnectionLost(int error) {
@@ -164,6 +166,12 @@ void Session::loginTimedOut(const char* step) {
     throw VELMO_EXC(ConnectionTimedOut) % peerAddress(socket_);
 }
 
+void Session::checkConnection(const char* step) {
+    if (!isConnectionLost(libssh2_session_last_errno(get()))) return;
+    sessionLogger.errorStream() << "The connection was lost during SSH " << step << ": " << lastError();
+    throw VELMO_EXC(ConnectionFault) % peerAddress(socket_) % (std::string("the connection was lost during ") + step);
+}
+
 void Session::endLoginTimeout() {
     loginLimited_ = false;
     boundWaits(false);
@@ -187,12 +195,13 @@ void Session::getAuthMethodsList(const std::string& login, std::vector<std::stri
     const char* raw = libssh2_userauth_list(get(), login.c_str(), static_cast<unsigned>(login.size()));
     if (raw != nullptr)
         sawRoundTrips(asked, 1);
-    if (raw == nullptr)
+    if (raw == nullptr) {
         checkLoginTimeout("authentication");
+        checkConnection("authentication");
+        throw VELMO_EXC(InvalidHandle);
+    }
     // The library owns this string and frees it with the session: copy it,
     // never release it here.
-    if (raw == nullptr)
-        throw VELMO_EXC(InvalidHandle);
     const std::string list(raw);
     sessionLogger.debugStream() << "Got the following allowed userauth methods: " << list;
 
@@ -216,6 +225,7 @@ void Session::authorize(const Credentials& credentials) {
     getAuthMethodsList(credentials.login, methods);
     const bool keys = std::find(methods.begin(), methods.end(), "publickey") != methods.end();
     if (!(keys && byKeyFile(credentials)) && !(keys && byAgent(credentials)) && !byPassword(credentials, methods)) {
+        checkConnection("authentication");
         sessionLogger.errorStream() << "Authentication failed";
         throw VELMO_EXC(SshAuthorizationFailed);
     }

@@ -39,8 +39,10 @@ public:
     explicit Channel(LIBSSH2_CHANNEL* channel);
     ~Channel() override;
 
-    // Whether the peer closed the channel (with or without an end of file).
-    bool closedByPeer();
+    // Whether the peer closed the channel (with or without an end of file),
+    // or the whole connection went away.
+    enum class State { open, closedByPeer, connectionGone };
+    State state();
 };
 
 class Session : public Handle<LIBSSH2_SESSION*, &qmv_libssh2_session_free,
@@ -126,6 +128,9 @@ private:
     // session is its time-out.
     void checkLoginTimeout(const char* step);
     [[noreturn]] void loginTimedOut(const char* step);
+    // Throws Exc<&ConnectionFault> when the library's last error of the
+    // session is a lost connection: no refused login, no bad handle.
+    void checkConnection(const char* step);
     void endLoginTimeout();
 
     int socket_;

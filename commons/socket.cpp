@@ -26,13 +26,18 @@ namespace {
 
 // Connects without waiting inside the kernel, so that a stop request is seen
 // while a host that drops packets is waited for (the kernel gives up on it
-// after about two minutes). Returns 0 or the error of the connection.
-int connectStoppably(int fd, const addrinfo* address) {
+// after about two minutes, or at deadline when there is one). Returns 0 or
+// the error of the connection.
+int connectStoppably(int fd, const addrinfo* address, const std::chrono::steady_clock::time_point* deadline) {
     const int flags = ::fcntl(fd, F_GETFL);
     ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
     int error = ::connect(fd, address->ai_addr, address->ai_addrlen) == 0 ? 0 : errno;
     while (error == EINPROGRESS || error == EINTR) {
         checkProgramTerminated();
+        if (deadline != nullptr && std::chrono::steady_clock::now() >= *deadline) {
+            error = ETIMEDOUT;
+            break;
+        }
         pollfd entry = {fd, POLLOUT, 0};
         if (::poll(&entry, 1, 250) <= 0) continue;
         socklen_t length = sizeof error;
@@ -78,8 +83,10 @@ addrinfo* Socket::gethostbyname(const std::string& host, unsigned short port) {
     throw VELMO_EXC(HostNotFound) % host % reason;
 }
 
-Socket::Socket(const std::string& host, unsigned short port) : fd_(-1), addresses_(nullptr) {
+Socket::Socket(const std::string& host, unsigned short port, std::chrono::milliseconds connectLimit)
+    : fd_(-1), addresses_(nullptr) {
     logger.debugStream() << "Connecting to " << host << ":" << port << "\n";
+    const auto deadline = std::chrono::steady_clock::now() + connectLimit;
     addresses_ = gethostbyname(host, port);
 
     // Every stream address of the name in turn, as OpenSSH's client does;
@@ -93,7 +100,7 @@ Socket::Socket(const std::string& host, unsigned short port) : fd_(-1), addresse
             socketError = errno;
             continue;
         }
-        error = connectStoppably(fd_, address);
+        error = connectStoppably(fd_, address, connectLimit.count() > 0 ? &deadline : nullptr);
         if (error == 0) break;
         char numeric[NI_MAXHOST] = "?";
         getnameinfo(address->ai_addr, address->ai_addrlen, numeric, sizeof numeric, nullptr, 0, NI_NUMERICHOST);

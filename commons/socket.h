@@ -2,6 +2,7 @@
 #ifndef VANTREL_COMMONS_SOCKET_H
 #define VANTREL_COMMONS_SOCKET_H
 
+#include <chrono>
 #include <string>
 
 #include <netdb.h>
@@ -14,8 +15,11 @@ public:
     // answers. When none does, throws the tagged error that the last failure
     // maps to (HostNotFound, NetworkUnreachable, ConnectionTimedOut,
     // ConnectionRefused, HostUnreachable, ConnectionFault); a descriptor that
-    // cannot be created gives a plain std::runtime_error.
-    Socket(const std::string& host, unsigned short port);
+    // cannot be created gives a plain std::runtime_error. Connecting takes
+    // connectLimit at most (0: as long as the kernel tries, about two
+    // minutes against a host that drops packets).
+    Socket(const std::string& host, unsigned short port,
+           std::chrono::milliseconds connectLimit = std::chrono::milliseconds(0));
     ~Socket();
 
     Socket(const Socket&) = delete;

@@ -219,11 +219,11 @@ Ssh::Ssh(const std::string& host, const std::string& login, const std::string& p
     : Ssh(host, port, passwordOnly(login, password), disableEncryption) {}
 
 Ssh::Ssh(const std::string& host, unsigned short port, const libssh2pp::Credentials& credentials,
-         bool disableEncryption) {
+         bool disableEncryption, std::chrono::milliseconds connectLimit) {
     addSecret(credentials.password);
     addSecret(credentials.passphrase);
     try {
-        logIn(host, port, credentials, disableEncryption);
+        logIn(host, port, credentials, disableEncryption, connectLimit);
     } catch (const ExTraceable&) {
         // A stop request cuts the library's waits short: what fails then
         // fails because of the stop.
@@ -233,7 +233,7 @@ Ssh::Ssh(const std::string& host, unsigned short port, const libssh2pp::Credenti
 }
 
 void Ssh::logIn(const std::string& host, unsigned short port, const libssh2pp::Credentials& credentials,
-                bool disableEncryption) {
+                bool disableEncryption, std::chrono::milliseconds connectLimit) {
     const long limitMs = loginTimeoutSec() * 1000;
     const auto start = std::chrono::steady_clock::now();
     logger.debugStream() << "SSH handshake and authentication may take up to " << limitMs / 1000 << " s";
@@ -248,7 +248,7 @@ void Ssh::logIn(const std::string& host, unsigned short port, const libssh2pp::C
             throw VELMO_EXC(ConnectionFault) % host % "the connection was lost during the SSH handshake";
         }
     };
-    socket_.reset(new Socket(host, port));
+    socket_.reset(new Socket(host, port, connectLimit));
     try {
         startSession(false, limitMs);
     } catch (const ExTraceable& e) {
@@ -259,7 +259,7 @@ void Ssh::logIn(const std::string& host, unsigned short port, const libssh2pp::C
         checkProgramTerminated();
         socket_.reset();
         logger.debugStream() << "Attempt to start SSH session in a 'compatibility' mode";
-        socket_.reset(new Socket(host, port));
+        socket_.reset(new Socket(host, port, connectLimit));
         // The second attempt gets what the first one left of the time.
         const long spentMs = static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
             std::chrono::steady_clock::now() - start).count());
@@ -275,6 +275,8 @@ void Ssh::logIn(const std::string& host, unsigned short port, const libssh2pp::C
         throw VELMO_EXC(SshInvalidCredentials) % host;
     } catch (const Exc<&ConnectionTimedOut>&) {
         throw VELMO_EXC(ConnectionTimedOut) % host;
+    } catch (const Exc<&ConnectionFault>&) {
+        throw VELMO_EXC(ConnectionFault) % host % "the connection was lost during the SSH login";
     }
 }
 
@@ -526,7 +528,7 @@ bool Ssh::sendEof(RemoteCommand& command) {
     if (rc == LIBSSH2_ERROR_EAGAIN) return false;
     if (isSocketError(rc)) {
         loseConnection();
-    } else if (rc != 0 && !command.channel_->closedByPeer()) {
+    } else if (rc != 0 && command.channel_->state() == libssh2pp::Channel::State::open) {
         throw VELMO_EXC(UnableToSendEof) % session_->lastError();
     }
     command.eofSent_ = true;
@@ -563,7 +565,14 @@ bool Ssh::receive(RemoteCommand& command) {
         enter(command, RemoteCommand::Phase::closing);
         return true;
     }
-    if (!progress && command.channel_->closedByPeer() && !libssh2_poll_channel_read(channel, 0) &&
+    if (progress) return true;
+    const libssh2pp::Channel::State state = command.channel_->state();
+    if (state == libssh2pp::Channel::State::connectionGone) {
+        // Not the command's end: its status never came.
+        loseConnection();
+        return true;
+    }
+    if (state == libssh2pp::Channel::State::closedByPeer && !libssh2_poll_channel_read(channel, 0) &&
         !libssh2_poll_channel_read(channel, 1)) {
         command.closedWithoutEof_ = true;
         enter(command, RemoteCommand::Phase::closing);

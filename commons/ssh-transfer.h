@@ -231,9 +231,10 @@ public:
     Ssh(const std::string& host, const std::string& login, const std::string& password,
         bool disableEncryption, unsigned short port);
     // The same with whatever the credentials offer (keys first). host may be
-    // an IPv6 address in brackets.
+    // an IPv6 address in brackets. The TCP connection takes connectLimit at
+    // most (0: what the kernel gives it).
     Ssh(const std::string& host, unsigned short port, const libssh2pp::Credentials& credentials,
-        bool disableEncryption);
+        bool disableEncryption, std::chrono::milliseconds connectLimit = std::chrono::milliseconds(0));
     ~Ssh();
     Ssh(const Ssh&) = delete;
     Ssh& operator=(const Ssh&) = delete;
@@ -282,7 +283,7 @@ private:
     typedef bool (Ssh::*Step)(RemoteCommand&);
 
     void logIn(const std::string& host, unsigned short port, const libssh2pp::Credentials& credentials,
-               bool disableEncryption);
+               bool disableEncryption, std::chrono::milliseconds connectLimit);
 
     // One pass over the table: each command's phases in turn. True when
     // anything moved.

@@ -140,11 +140,13 @@ void Action::setConfig(const config* c) {
     RateLimit::set(cfg->bandwidthLimit);
 }
 
-Ssh* Action::getSsh() {
+Ssh* Action::getSsh(std::chrono::milliseconds connectLimit) {
     if (ssh && ssh->lost()) ssh.reset();
     if (!ssh) {
-        ssh = connect();
+        ssh = connect(connectLimit);
+        if (lost_) actionLog.infoStream() << "Connected again to " << cfg->host;
         connected_ = true;
+        lost_ = false;
     }
     return ssh.get();
 }
@@ -162,12 +164,13 @@ void Action::reconnecting(const std::string& what, const std::function<void()>& 
             std::chrono::milliseconds pause;
             if (!reconnects_.again(what, e.what(), pause)) loss->raise();
             ssh.reset();
+            lost_ = true;
             Reconnects::wait(pause);
         }
     }
 }
 
-std::unique_ptr<Ssh> Action::connect() const {
+std::unique_ptr<Ssh> Action::connect(std::chrono::milliseconds connectLimit) const {
     const unsigned short port = cfg->port == 0 ? 22 : static_cast<unsigned short>(cfg->port);
     libssh2pp::Credentials credentials;
     credentials.login = cfg->login;
@@ -175,7 +178,7 @@ std::unique_ptr<Ssh> Action::connect() const {
     credentials.keyFile = cfg->keyFile;
     credentials.passphrase = cfg->keyPassphrase;
     credentials.agent = cfg->useAgent;
-    return std::unique_ptr<Ssh>(new Ssh(cfg->host, port, credentials, cfg->noEncryption));
+    return std::unique_ptr<Ssh>(new Ssh(cfg->host, port, credentials, cfg->noEncryption, connectLimit));
 }
 
 const std::string& Action::agentDir() {

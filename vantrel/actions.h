@@ -100,9 +100,12 @@ public:
     virtual void execute() = 0;
 
     // The connection of the run, made on first use (again after a loss).
-    Ssh* getSsh();
-    // One more connection to the source host, as getSsh makes it.
-    std::unique_ptr<Ssh> connect() const;
+    Ssh* getSsh() { return getSsh(reconnects_.connectLimit()); }
+    // The same, a TCP connection that it makes taking connectLimit at most.
+    Ssh* getSsh(std::chrono::milliseconds connectLimit);
+    // One more connection to the source host, as getSsh makes it; its TCP
+    // connection takes connectLimit at most (0: what the kernel gives it).
+    std::unique_ptr<Ssh> connect(std::chrono::milliseconds connectLimit = std::chrono::milliseconds(0)) const;
     // Runs work; when the connection is lost under it, or cannot be made
     // again, connects again and runs it once more, as the run's Reconnects
     // allow (work marks its progress there). Other failures, and those of
@@ -144,6 +147,7 @@ private:
     friend class ActionCommand;
     Reconnects reconnects_;
     bool connected_ = false;
+    bool lost_ = false;  // the connection went away; the next one is made again
 
     std::string agentDir_;
     bool agentDirKnown_;

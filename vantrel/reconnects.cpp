@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <thread>
+#include <utility>
 
 #include <log4cpp/Category.hh>
 
@@ -28,8 +29,10 @@ long deadlineSec() {
     char* end = nullptr;
     const long value = std::strtol(text, &end, 10);
     if (*end != '\0' || value < 0 || value > kLongestDeadlineSec) {
-        reconnectLog.warnStream() << "Ignoring KVA_RECONNECT_DEADLINE='" << text << "': not a number of seconds from 0 to "
-                                  << kLongestDeadlineSec;
+        static bool told = false;
+        if (!std::exchange(told, true))
+            reconnectLog.warnStream() << "Ignoring KVA_RECONNECT_DEADLINE='" << text
+                                      << "': not a number of seconds from 0 to " << kLongestDeadlineSec;
         return kDefaultDeadlineSec;
     }
     return value;
@@ -58,6 +61,13 @@ bool Reconnects::again(const std::string& what, const std::string& why, std::chr
     else
         reconnectLog.errorStream() << what << ": " << why << "; giving up after " << tries_ - 1 << " tries";
     return more;
+}
+
+std::chrono::milliseconds Reconnects::connectLimit() const {
+    if (tries_ == 0) return std::chrono::milliseconds(0);
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(firstLoss_ + deadline_ -
+                                                                           std::chrono::steady_clock::now());
+    return std::max(left, std::chrono::milliseconds(1000));
 }
 
 void Reconnects::wait(std::chrono::milliseconds pause) {

@@ -28,6 +28,10 @@ public:
     bool again(const std::string& what, const std::string& why, std::chrono::milliseconds& pause);
     // Something moved since: the tries start afresh.
     void progressed() { tries_ = 0; }
+    // How long connecting again may wait for the host: what is left of the
+    // deadline (a second at least), or 0 (the kernel's own bound) outside
+    // a streak of losses.
+    std::chrono::milliseconds connectLimit() const;
     // Sleeps pause, waking for a stop request.
     static void wait(std::chrono::milliseconds pause);
 
