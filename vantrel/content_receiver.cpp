@@ -14,11 +14,16 @@ namespace {
 
 log4cpp::Category& receiverLog = log4cpp::Category::getInstance("p.Action");
 
-// What one stream has asked for at most and not received yet: enough to keep
-// its link busy for a round trip, little enough that the others get their
-// share of a large archive.
+// What one stream has asked for at most and not received yet: with one
+// stream, plenty of small archives at once; with several, what keeps its link
+// busy for two round trips, little enough that the others get their share of
+// a large archive.
 const std::size_t kMostOnWay = 64;
 const int64_t kEnoughOnWay = 32 << 20;
+const int64_t kLeastAhead = 512 << 10;
+const int64_t kMostAhead = 16 << 20;
+// The smallest piece that a large archive is cut into at its end.
+const int64_t kLeastPiece = 1 << 20;
 
 // Whether two hexadecimal sums are one, whatever the case of their digits.
 bool sameSum(const std::string& a, const std::string& b) {
@@ -34,16 +39,19 @@ std::string orNone(const std::string& sum) { return sum.empty() ? "(none)" : sum
 struct ContentReceiver::State {
     std::unique_ptr<ArchiveWriter> writer;
     int64_t next = 0;     // the first byte not asked for yet
-    int requests = 0;     // asked for and not through
+    int requests = 0;     // asked for and not through, handed back ones included
     bool done = false;
     bool again = false;   // went on from a part that did not prove: comes from its first byte
 };
 
 ContentReceiver::ContentReceiver(std::vector<Archive> archives, int streams, int64_t rangeSize,
-                                 const std::string& host, Events events)
+                                 const std::string& host, Events events, double roundTripMs)
     : archives_(std::move(archives)), states_(archives_.size()), rangeSize_(rangeSize), host_(host),
       events_(std::move(events)), left_(archives_.size()), onWay_(static_cast<std::size_t>(streams)),
-      bytesOnWay_(static_cast<std::size_t>(streams)), frames_(static_cast<std::size_t>(streams)) {}
+      bytesOnWay_(static_cast<std::size_t>(streams)), frames_(static_cast<std::size_t>(streams)),
+      paces_(static_cast<std::size_t>(streams)), roundTripMs_(roundTripMs) {
+    for (const Archive& archive : archives_) unasked_ += std::max<int64_t>(0, archive.record->size - archive.from);
+}
 
 ContentReceiver::~ContentReceiver() = default;
 
@@ -51,7 +59,6 @@ bool ContentReceiver::take(Unit& unit) {
     if (!handedBack_.empty()) {
         unit = handedBack_.front();
         handedBack_.pop_front();
-        ++states_[unit.archive].requests;
         return true;
     }
     for (; nextArchive_ < archives_.size(); ++nextArchive_) {
@@ -66,9 +73,10 @@ bool ContentReceiver::take(Unit& unit) {
             if (events_.started) events_.started(i);
         }
         const bool split = rangeSize_ > 0 && state.writer->takesRanges();
-        const int64_t length = std::max<int64_t>(0, split ? std::min(rangeSize_, size - state.next) : size - state.next);
+        const int64_t length = std::max<int64_t>(0, split ? std::min(pieceSize(), size - state.next) : size - state.next);
         unit = Unit{i, state.next, length, 0};
         state.next += length;
+        unasked_ -= length;
         ++state.requests;
         if (state.next >= size) ++nextArchive_;
         return true;
@@ -76,9 +84,33 @@ bool ContentReceiver::take(Unit& unit) {
     return false;
 }
 
+int64_t ContentReceiver::pieceSize() const {
+    // Guided self-scheduling: a share of what is left, so that the last
+    // pieces are small and no stream is left alone with a long one.
+    const int64_t share = unasked_ / (2 * static_cast<int64_t>(onWay_.size()));
+    return std::min(rangeSize_, std::max(std::min(kLeastPiece, rangeSize_), share));
+}
+
+int64_t ContentReceiver::enoughOnWay(int s) const {
+    if (rangeSize_ == 0) return kEnoughOnWay;
+    const double twoTrips = 2 * paces_[s].bytesPerMs * std::max(1.0, roundTripMs_);
+    return std::min(kMostAhead, std::max(kLeastAhead, static_cast<int64_t>(twoTrips)));
+}
+
+void ContentReceiver::paced(int s, int64_t bytes) {
+    Pace& pace = paces_[s];
+    pace.since += bytes;
+    const auto now = std::chrono::steady_clock::now();
+    const double elapsedMs = std::chrono::duration<double, std::milli>(now - pace.mark).count();
+    if (elapsedMs < std::max(10.0, roundTripMs_)) return;
+    pace.bytesPerMs = static_cast<double>(pace.since) / elapsedMs;
+    pace.since = 0;
+    pace.mark = now;
+}
+
 std::string ContentReceiver::nextRequests(int s) {
     std::string requests;
-    const int64_t enough = rangeSize_ > 0 ? rangeSize_ : kEnoughOnWay;
+    const int64_t enough = enoughOnWay(s);
     Unit unit;
     while (onWay_[s].size() < kMostOnWay && bytesOnWay_[s] < enough && take(unit)) {
         onWay_[s].push_back(unit);
@@ -125,7 +157,8 @@ void ContentReceiver::event(int s, const SenderEvent& e) {
             }
             unit.got += static_cast<int64_t>(e.length);
             bytesOnWay_[s] -= static_cast<int64_t>(e.length);
-            if (events_.received) events_.received(static_cast<int64_t>(e.length));
+            paced(s, static_cast<int64_t>(e.length));
+            if (events_.received) events_.received(s, static_cast<int64_t>(e.length));
             break;
         case SenderEvent::ended: {
             const Unit done = unit;
@@ -171,6 +204,7 @@ void ContentReceiver::finish(std::size_t i) {
         archives_[i].from = 0;
         state.again = true;
         state.next = 0;
+        unasked_ += record.size;
         nextArchive_ = std::min(nextArchive_, i);
         return;
     }
@@ -183,18 +217,19 @@ void ContentReceiver::fail(std::size_t i, const std::string& why) {
 }
 
 void ContentReceiver::lost(int s) {
-    // Handed out again in their order, ahead of anything new.
+    // Handed out again in their order, ahead of anything new; they count
+    // as asked for, so that no archive is finished before they are through.
     for (auto unit = onWay_[s].rbegin(); unit != onWay_[s].rend(); ++unit) {
         if (unit->got == unit->length) {
             ended(*unit);
             continue;
         }
-        --states_[unit->archive].requests;
         handedBack_.push_front(Unit{unit->archive, unit->offset + unit->got, unit->length - unit->got, 0});
     }
     onWay_[s].clear();
     bytesOnWay_[s] = 0;
     frames_[s] = SenderFrames();
+    paces_[s] = Pace();
 }
 
 void ContentReceiver::senderGone(int s, const std::string& why) {

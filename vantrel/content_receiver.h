@@ -3,6 +3,7 @@
 #ifndef VANTREL_CONTENT_RECEIVER_H
 #define VANTREL_CONTENT_RECEIVER_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -34,13 +35,15 @@ public:
     struct Events {
         std::function<void(std::size_t)> started;  // its first bytes were asked for
         std::function<void(std::size_t)> arrived;  // proven and under its name
-        std::function<void(int64_t)> received;     // bytes of any archive
+        std::function<void(int, int64_t)> received;  // bytes of any archive, by a stream
     };
 
     // rangeSize: the largest piece of an archive one request asks for when
-    // there are several streams.
+    // there are several streams; the pieces shrink as the work left does,
+    // so that the streams end together. roundTripMs: of the link, for how
+    // much each stream keeps on its way.
     ContentReceiver(std::vector<Archive> archives, int streams, int64_t rangeSize, const std::string& host,
-                    Events events);
+                    Events events, double roundTripMs = 0);
     ~ContentReceiver();
 
     // The next requests of stream s while it has too little on its way, or
@@ -76,8 +79,19 @@ private:
         int64_t got;
     };
     struct State;
+    // What a stream brought lately, in bytes per millisecond.
+    struct Pace {
+        int64_t since = 0;
+        std::chrono::steady_clock::time_point mark = std::chrono::steady_clock::now();
+        double bytesPerMs = 0;
+    };
 
     bool take(Unit& unit);
+    // How much of an archive the next piece takes, and how much stream s
+    // keeps on its way: what it brings in two round trips.
+    int64_t pieceSize() const;
+    int64_t enoughOnWay(int s) const;
+    void paced(int s, int64_t bytes);
     void event(int s, const SenderEvent& event);
     void ended(Unit unit);
     void finish(std::size_t i);
@@ -94,6 +108,9 @@ private:
     std::vector<std::deque<Unit>> onWay_;
     std::vector<int64_t> bytesOnWay_;
     std::vector<SenderFrames> frames_;
+    std::vector<Pace> paces_;
+    double roundTripMs_;
+    int64_t unasked_ = 0;  // bytes not asked for yet, in all
 };
 
 }  // namespace velmo

@@ -174,8 +174,11 @@ private:
     std::vector<std::unique_ptr<Stream>> openStreams(ContentReceiver& receiver, int count);
     // The connections that streams have now.
     static std::vector<Ssh*> connected(const std::vector<std::unique_ptr<Stream>>& streams);
-    // No stream has a connection: sleeps until a login ends or the first
-    // stream may try again.
+    // Whether a stream needs keepSending: a login or a pause over, a sender
+    // that ended, or work for a stream without a sender.
+    static bool anyStreamDue(const std::vector<std::unique_ptr<Stream>>& streams, const ContentReceiver& receiver);
+    // Sleeps until a login may have ended or the first stream may try
+    // again, a tenth of a second at most.
     static void waitForFirst(const std::vector<std::unique_ptr<Stream>>& streams);
     // Streams but the first log in on threads of their own, while the others
     // work; a stream takes its connection once its login is over.
@@ -183,13 +186,15 @@ private:
     bool loggedIn(Stream& stream);
     // A connection could not be made again: the next try waits its pause.
     void notConnected(Stream& stream, const ExTraceable& e);
+    // Another try for stream after why, when its tries allow it.
+    void tryAgain(Stream& stream, const std::string& why);
     // Settles what a sender that ended means, connects a stream that lost
     // its connection again when its pause is over, and starts a sender on a
     // stream that has work and none.
     void keepSending(Stream& stream, ContentReceiver& receiver);
     // A stream's connection went away: what it had on its way is handed out
     // again (what came of it is kept), and it waits to connect again.
-    void lose(Stream& stream, ContentReceiver& receiver, const std::string& why);
+    void lose(Stream& stream, ContentReceiver& receiver, std::string why);
     void reconnect(Stream& stream);
     // The removal on the source host runs on the first stream's connection.
     void keepRemoving(Stream& first);
@@ -219,7 +224,6 @@ private:
     std::unique_ptr<TextInput> removalNames_;
     std::unique_ptr<ActionCommand> removal_;
     std::unique_ptr<PeriodicTask> removalTask_;
-    std::unique_ptr<ExTraceable> loss_;  // the first loss of a streak, which fails the run if it lasts
     BoundedText removalOutput_{1 << 20};
     ProgressLine progress_;
     int64_t toFetch_ = 0;
@@ -239,7 +243,9 @@ struct ContentTransfer::Stream {
     std::chrono::steady_clock::time_point retryAt;
     std::future<std::unique_ptr<Ssh>> login;  // on its way
     bool everConnected = false;
-    bool unused = false;  // its first login failed: the others do without it
+    bool unused = false;  // its first login failed, or its tries: the others do without it
+    Reconnects tries;     // after its connection was lost
+    std::unique_ptr<ExTraceable> loss;  // the first loss of a streak, which fails the run if it lasts
 
     bool loggingIn() const { return login.valid(); }
     bool loginOver() const { return loggingIn() && login.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
@@ -301,11 +307,12 @@ void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
     // terminal's line as bytes come.
     bool statusDue = true;
     std::size_t shown = 0;
+    std::vector<std::unique_ptr<Stream>> streams;
     ContentReceiver::Events events;
     events.started = [&statusDue](std::size_t) { statusDue = true; };
-    events.received = [this, &shown](int64_t bytes) {
-        action_.reconnects().progressed();
-        loss_.reset();
+    events.received = [this, &shown, &streams](int s, int64_t bytes) {
+        streams[s]->tries.progressed();
+        streams[s]->loss.reset();
         updater_(static_cast<int>(bytes));
         fetchedBytes_ += bytes;
         progress_.update(fetched_[shown]->name, fetchedBytes_, toFetch_);
@@ -315,8 +322,9 @@ void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
         updater_.fileDone();
         statusDue = true;
     };
-    ContentReceiver receiver(std::move(archives), count, count > 1 ? kRangeSize : 0, action_.cfg->host, events);
-    std::vector<std::unique_ptr<Stream>> streams = openStreams(receiver, count);
+    ContentReceiver receiver(std::move(archives), count, count > 1 ? kRangeSize : 0, action_.cfg->host, events,
+                             action_.getSsh()->roundTripMs());
+    streams = openStreams(receiver, count);
     while (!receiver.finished()) {
         for (const auto& stream : streams) keepSending(*stream, receiver);
         keepRemoving(*streams.front());
@@ -325,22 +333,14 @@ void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
             shown = receiver.current();
             saveStatus(receiver);
         }
-        const std::vector<Ssh*> connections = connected(streams);
-        if (connections.empty()) {
-            waitForFirst(streams);
-            continue;
-        }
-        bool loggingIn = false;
-        for (const auto& stream : streams) loggingIn |= stream->loggingIn();
-        ChannelLoop(connections).run([&] {
-            if (receiver.finished() || statusDue) return true;
-            for (const auto& stream : streams)
-                if (stream->loginOver() || (stream->sender ? stream->sender->remote().ended()
-                                                           : !stream->ssh || receiver.waiting(stream->index) ||
-                                                                 receiver.anythingToAsk()))
-                    return true;
-            return false;
-        }, loggingIn ? 20 : 5000);
+        // The connections are serviced until a stream needs a step of
+        // this loop; streams that wait to connect wait meanwhile.
+        const auto due = [&] { return receiver.finished() || statusDue || anyStreamDue(streams, receiver); };
+        bool waiting = false;
+        for (const auto& stream : streams) waiting |= !stream->unused && !stream->ssh;
+        ChannelLoop(connected(streams)).run(due, waiting ? 20 : 5000);
+        // Nothing left to service: the next login or try is waited for.
+        if (!due()) waitForFirst(streams);
     }
     saveStatus(receiver);
     // The senders see the end of their input and leave.
@@ -359,8 +359,25 @@ std::vector<Ssh*> ContentTransfer::connected(const std::vector<std::unique_ptr<S
     return connections;
 }
 
+bool ContentTransfer::anyStreamDue(const std::vector<std::unique_ptr<Stream>>& streams,
+                                   const ContentReceiver& receiver) {
+    const auto now = std::chrono::steady_clock::now();
+    for (const auto& stream : streams) {
+        if (stream->unused) continue;
+        if (stream->loggingIn()) {
+            if (stream->loginOver()) return true;
+        } else if (!stream->ssh) {
+            if (now >= stream->retryAt) return true;
+        } else if (stream->sender ? stream->sender->remote().ended()
+                                  : receiver.waiting(stream->index) || receiver.anythingToAsk()) {
+            return true;
+        }
+    }
+    return false;
+}
+
 void ContentTransfer::waitForFirst(const std::vector<std::unique_ptr<Stream>>& streams) {
-    auto next = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    auto next = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
     for (const auto& stream : streams) {
         if (stream->loggingIn())
             next = std::min(next, std::chrono::steady_clock::now() + std::chrono::milliseconds(20));
@@ -371,7 +388,8 @@ void ContentTransfer::waitForFirst(const std::vector<std::unique_ptr<Stream>>& s
 }
 
 void ContentTransfer::startLogin(Stream& stream) {
-    stream.login = std::async(std::launch::async, [this] { return action_.connect(); });
+    const std::chrono::milliseconds limit = stream.tries.connectLimit();
+    stream.login = std::async(std::launch::async, [this, limit] { return action_.connect(limit); });
 }
 
 bool ContentTransfer::loggedIn(Stream& stream) {
@@ -397,11 +415,21 @@ bool ContentTransfer::loggedIn(Stream& stream) {
 
 void ContentTransfer::notConnected(Stream& stream, const ExTraceable& e) {
     if (!isConnectionFailure(e)) e.raise();
+    if (!stream.loss) stream.loss.reset(e.clone());
+    tryAgain(stream, std::string("not connected again: ") + e.what());
+}
+
+void ContentTransfer::tryAgain(Stream& stream, const std::string& why) {
     std::chrono::milliseconds pause;
-    if (!loss_) loss_.reset(e.clone());
-    if (!action_.reconnects().again(stream.name(), std::string("not connected again: ") + e.what(), pause))
-        loss_->raise();
-    stream.retryAt = std::chrono::steady_clock::now() + pause;
+    if (stream.tries.again(stream.name(), why, pause)) {
+        stream.retryAt = std::chrono::steady_clock::now() + pause;
+    } else if (stream.index == 0) {
+        stream.loss->raise();
+    } else {
+        // The first stream carries on, or fails the run when it cannot.
+        contentLog.warnStream() << stream.name() << " is given up; the others go on";
+        stream.unused = true;
+    }
 }
 
 std::vector<std::unique_ptr<ContentTransfer::Stream>> ContentTransfer::openStreams(ContentReceiver& receiver,
@@ -439,19 +467,16 @@ void ContentTransfer::keepSending(Stream& stream, ContentReceiver& receiver) {
     stream.ssh->start(stream.sender->remote());
 }
 
-void ContentTransfer::lose(Stream& stream, ContentReceiver& receiver, const std::string& why) {
+void ContentTransfer::lose(Stream& stream, ContentReceiver& receiver, std::string why) {
     const int64_t held = receiver.held(receiver.current());
     receiver.lost(stream.index);
     stream.sender.reset();
     if (stream.index == 0) removalTask_.reset();
     stream.ssh = nullptr;
     stream.own.reset();
-    if (!loss_) loss_.reset(VELMO_EXC(SshConnectionFault).clone());
-    std::chrono::milliseconds pause;
-    const std::string kept = "lost (" + why + "); the bytes that arrived are kept (" + std::to_string(held) + " of " +
-                             fetched_[receiver.current()]->name + ")";
-    if (!action_.reconnects().again(stream.name(), kept, pause)) loss_->raise();
-    stream.retryAt = std::chrono::steady_clock::now() + pause;
+    if (!stream.loss) stream.loss.reset(VELMO_EXC(SshConnectionFault).clone());
+    tryAgain(stream, "lost (" + why + "); the bytes that arrived are kept (" + std::to_string(held) + " of " +
+                         fetched_[receiver.current()]->name + ")");
 }
 
 void ContentTransfer::reconnect(Stream& stream) {
@@ -459,7 +484,7 @@ void ContentTransfer::reconnect(Stream& stream) {
     // The first stream's connection is the action's, which the removal
     // shares: it is made here.
     try {
-        stream.ssh = action_.getSsh();
+        stream.ssh = action_.getSsh(stream.tries.connectLimit());
         contentLog.infoStream() << stream.name() << " connected again";
     } catch (const ExTraceable& e) {
         checkProgramTerminated();
