@@ -132,7 +132,9 @@ class Run:
     output, and with measure its peak memory (peak_kib)."""
 
     def __init__(self, argv, env, stdin, session, tty=False, cwd=None, measure=False):
-        self.argv, self.session, self.tty, self.peak_kib = argv, session, None, None
+        # The binary's own arguments, whatever runs it.
+        self.argv = argv[argv.index(BIN):] if BIN in argv else argv
+        self.session, self.tty, self.peak_kib = session, None, None
         if measure:
             # ASan as a plain build would hold memory: freed memory reused at once, no leak check at exit.
             env = env | {"ASAN_OPTIONS": env.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=0:detect_leaks=0"}
@@ -245,11 +247,13 @@ class Case(unittest.TestCase):
 
     @classmethod
     def start(cls, action, *extra, session=None, login=USER, password=PASSWORD, sudo=None, host=HOST,
-              port=None, agent_dir=None, agent="probe", stdin=b"", env={}, tty=False, blocked=False, measure=False):
+              port=None, agent_dir=None, agent="probe", stdin=b"", env={}, tty=False, blocked=False, measure=False,
+              prefix=()):
         """Starts the binary; sudo is the sudo password, given means --sudo-password; blocked starts it
-        with SIGTERM and SIGINT blocked; measure samples its peak memory."""
-        argv = [sys.executable, "-c", "import os, signal, sys; signal.pthread_sigmask(signal.SIG_BLOCK, "
-                "[signal.SIGTERM, signal.SIGINT]); os.execv(sys.argv[1], sys.argv[1:])"] if blocked else []
+        with SIGTERM and SIGINT blocked; measure samples its peak memory; prefix runs it (nsenter ...)."""
+        argv = list(prefix)
+        argv += [sys.executable, "-c", "import os, signal, sys; signal.pthread_sigmask(signal.SIG_BLOCK, "
+                 "[signal.SIGTERM, signal.SIGINT]); os.execv(sys.argv[1], sys.argv[1:])"] if blocked else []
         argv += [BIN, action, "--host=" + host, "--port=%d" % (port or cls.port), "--login=" + login]
         argv += ["--sudo-password"] if sudo is not None else []
         argv += ["--agent-dir=" + agent_dir, "--agent-name=" + agent] if agent_dir else []
