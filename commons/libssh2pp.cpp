@@ -31,6 +31,7 @@ static log4cpp::Category& channelLogger = log4cpp::Category::getInstance("p.libs
 static const double kDrainBytesPerMs = 256.0 * 1024;
 static const unsigned kMinWindow = 2u << 20;
 static const unsigned kMaxWindow = 15u << 20;
+static const unsigned kLeastWindow = 256u << 10;
 // The largest packet libssh2 accepts is a little over 32 KiB.
 static const unsigned kPacketSize = 32768;
 // Once logged in, a blocking call of the library (opening or closing a
@@ -335,13 +336,20 @@ void Session::userauth_callback(const char* /*name*/, int /*name_len*/, const ch
     }
 }
 
-LIBSSH2_CHANNEL* Session::openChannel(unsigned maxWindow) {
-    return libssh2_channel_open_ex(get(), "session", 7, std::min(maxWindow, kMinWindow), kPacketSize, nullptr, 0);
+// Channels on connections that share one link share these bounds too:
+// together they hold what one would, so that a cut drops no more.
+static unsigned firstWindow(unsigned maxWindow, int share) {
+    return std::min(maxWindow, std::max(kLeastWindow, kMinWindow / static_cast<unsigned>(std::max(1, share))));
 }
 
-unsigned Session::windowCeiling(unsigned maxWindow) const {
-    return static_cast<unsigned>(
-        std::min<double>(maxWindow, std::min<double>(kMaxWindow, std::max<double>(kMinWindow, roundTripMs_ * kDrainBytesPerMs))));
+LIBSSH2_CHANNEL* Session::openChannel(unsigned maxWindow, int share) {
+    return libssh2_channel_open_ex(get(), "session", 7, firstWindow(maxWindow, share), kPacketSize, nullptr, 0);
+}
+
+unsigned Session::windowCeiling(unsigned maxWindow, int share) const {
+    const double whole = std::min<double>(kMaxWindow, std::max<double>(kMinWindow, roundTripMs_ * kDrainBytesPerMs));
+    return static_cast<unsigned>(std::min<double>(
+        maxWindow, std::max<double>(firstWindow(maxWindow, share), whole / std::max(1, share))));
 }
 
 void Session::create_reserve_channel() {

@@ -83,11 +83,11 @@ public:
     // nothing else sent meanwhile), or when the peer refused it. Its receive
     // window opens at 2 MiB (maxWindow at most), its packets are 32 KiB.
     // One channel opens at a time.
-    LIBSSH2_CHANNEL* openChannel(unsigned maxWindow = 15u << 20);
+    LIBSSH2_CHANNEL* openChannel(unsigned maxWindow = 15u << 20, int share = 1);
     // The largest receive window a channel needs: what the link can carry in
     // one round trip, from 2 MiB on short links up to 15 MiB, maxWindow at
     // most.
-    unsigned windowCeiling(unsigned maxWindow) const;
+    unsigned windowCeiling(unsigned maxWindow, int share = 1) const;
     // A channel asked for at since has opened: one more measure of the link.
     void channelOpened(std::chrono::steady_clock::time_point since) { sawRoundTrips(since, 1); }
 

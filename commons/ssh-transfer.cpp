@@ -444,7 +444,7 @@ bool Ssh::open(RemoteCommand& command) {
     // what crosses the link keeps close to what the cap lets through.
     const long long rate = RateLimit::rate();
     const unsigned maxWindow = rate == 0 ? UINT32_MAX : static_cast<unsigned>(std::max(64LL << 10, rate / 4));
-    LIBSSH2_CHANNEL* channel = session_->openChannel(maxWindow);
+    LIBSSH2_CHANNEL* channel = session_->openChannel(maxWindow, command.how_.linkShare);
     if (channel == nullptr) {
         const int error = session_->lastErrno();
         if (error == LIBSSH2_ERROR_EAGAIN) return false;
@@ -462,7 +462,7 @@ bool Ssh::open(RemoteCommand& command) {
     session_->channelOpened(command.asked_);
     command.channel_.reset(new libssh2pp::Channel(channel));
     libssh2_channel_window_read_ex(channel, nullptr, &command.window_.target);
-    command.window_.ceiling = session_->windowCeiling(maxWindow);
+    command.window_.ceiling = session_->windowCeiling(maxWindow, command.how_.linkShare);
     command.window_.mark = std::chrono::steady_clock::now();
     enter(command, RemoteCommand::Phase::starting);
     return true;

@@ -155,6 +155,7 @@ struct ExecOptions {
     bool logOutput = true;  // its output chunks go to the debug log
     bool logInput = true;   // its input chunks go to the debug log
     Counter* counter;       // counts its standard output
+    int linkShare = 1;      // commands on several connections that share the link: each window takes its part
 };
 
 // One command on a channel of a connection, in the loop's table from

@@ -231,6 +231,7 @@ ActionCommand::ActionCommand(Action& action, const CommandOptions& how, const st
     ExecOptions options;
     options.logOutput = how.logOutput;
     options.logInput = how.logInput;
+    options.linkShare = how.linkShare;
     remote_.reset(new RemoteCommand(commandLine({"sh", "-c", line}), *input_, out, *tail_, options));
 }
 

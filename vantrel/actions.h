@@ -44,12 +44,18 @@ struct CommandOptions {
         guarded = true;
         return *this;
     }
+    // It is one of commands that take the link's bandwidth together.
+    CommandOptions& sharingLinkWith(int commands) {
+        linkShare = commands;
+        return *this;
+    }
 
     std::string dir;  // where it runs; the login's home when empty
     bool root = false;
     bool logOutput = true;
     bool logInput = true;
     bool guarded = false;
+    int linkShare = 1;
 };
 
 // What a command left behind.

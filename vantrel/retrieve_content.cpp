@@ -228,6 +228,7 @@ private:
     ProgressLine progress_;
     int64_t toFetch_ = 0;
     int64_t fetchedBytes_ = 0;
+    int streamCount_ = 1;
 };
 
 struct ContentTransfer::Stream {
@@ -303,6 +304,7 @@ std::vector<ContentReceiver::Archive> ContentTransfer::plan(const std::vector<Du
 
 void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
     const int count = streamsFor(toFetch_);
+    streamCount_ = count;
     // The status is saved as an archive starts and as it arrives, the
     // terminal's line as bytes come.
     bool statusDue = true;
@@ -461,9 +463,10 @@ void ContentTransfer::keepSending(Stream& stream, ContentReceiver& receiver) {
     if (!receiver.waiting(stream.index) && !receiver.anythingToAsk()) return;
     if (!stream.ssh && std::chrono::steady_clock::now() >= stream.retryAt) reconnect(stream);
     if (!stream.ssh) return;
-    stream.sender.reset(new ActionCommand(action_, CommandOptions(action_.agentDir()).quietOutput().quietInput(),
-                                          commandLine(perlRunning(remote::content_sender)), stream.input,
-                                          stream.output));
+    const CommandOptions how =
+        CommandOptions(action_.agentDir()).quietOutput().quietInput().sharingLinkWith(streamCount_);
+    stream.sender.reset(new ActionCommand(action_, how, commandLine(perlRunning(remote::content_sender)),
+                                          stream.input, stream.output));
     stream.ssh->start(stream.sender->remote());
 }
 
