@@ -11,16 +11,28 @@ sys.path.insert(0, os.path.join(h.SOURCE, "bench"))
 import linklib  # noqa: E402
 
 
-class LinkTest(h.Case):
+class LinkCase(h.Case):
+    """A link of delay_ms each way (and rate Mbit/s) for the class, with the test bed's sshd behind it."""
+    delay_ms, rate = 25, 0
+
     @classmethod
     def setUpClass(cls):
         why = linklib.available()
         if why:
             raise h.unittest.SkipTest("no packet-level link: " + why)
         super().setUpClass()
-        cls.link = linklib.Link(delay_ms=25, rate=200)
+        cls.link = linklib.Link(delay_ms=cls.delay_ms, rate=cls.rate)
         cls.addClassCleanup(cls.link.close)
         cls.sshd = cls.link.sshd()
+        cls.port = cls.sshd.port
+
+
+class LinkTest(LinkCase):
+    rate = 200
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
         h.write(cls.tmp + "/askpass", '#!/bin/sh\necho "$VT_PASSWORD"\n')
         os.chmod(cls.tmp + "/askpass", 0o700)
 
@@ -74,19 +86,10 @@ def tree(top):
     return found
 
 
-class CutLinkTest(h.Case):
+class CutLinkTest(LinkCase):
     """Connections cut on the way (ss -K in the client's namespace, as a middlebox that resets them)
     and a link that goes down, 5 ms each way."""
-
-    @classmethod
-    def setUpClass(cls):
-        why = linklib.available()
-        if why:
-            raise h.unittest.SkipTest("no packet-level link: " + why)
-        super().setUpClass()
-        cls.link = linklib.Link(delay_ms=5)
-        cls.addClassCleanup(cls.link.close)
-        cls.port = cls.link.sshd().port
+    delay_ms = 5
 
     def start(self, action, rate, **kw):
         self.link.up()
