@@ -36,6 +36,9 @@ static const std::size_t kReadPerPass = 1 << 20;
 static const long kPollTimeoutMs = 5000;
 // What opening a channel, starting a command or closing it may take.
 static const std::chrono::seconds kExchangeLimit(120);
+// How often a channel without news is asked whether it or its connection
+// went away.
+static const std::chrono::milliseconds kStateInterval(100);
 // Longest time the SSH handshake and the authentication may take together,
 // in seconds, unless $VANTREL_SSH_LOGIN_TIMEOUT says otherwise. Once logged
 // in, nothing bounds a remote command: an agent may work for hours.
@@ -400,6 +403,12 @@ bool Ssh::service() {
                 break;
             case RemoteCommand::Phase::starting:
                 progress |= take(&Ssh::startCommand, command);
+                // Once the request is out, the input goes along: the peer
+                // takes it in order, after the request it answers.
+                for (const Step step : {&Ssh::sendInput, &Ssh::sendEof})
+                    if (!pendingStep_ && !lost_ && command.phase_ == RemoteCommand::Phase::starting &&
+                        command.requested_)
+                        progress |= take(step, command);
                 break;
             case RemoteCommand::Phase::running:
                 // Each step while the one before left the command running.
@@ -464,6 +473,7 @@ bool Ssh::open(RemoteCommand& command) {
     libssh2_channel_window_read_ex(channel, nullptr, &command.window_.target);
     command.window_.ceiling = session_->windowCeiling(maxWindow, command.how_.linkShare);
     command.window_.mark = std::chrono::steady_clock::now();
+    command.input_.resize(kChunkSize);
     enter(command, RemoteCommand::Phase::starting);
     return true;
 }
@@ -471,9 +481,13 @@ bool Ssh::open(RemoteCommand& command) {
 bool Ssh::startCommand(RemoteCommand& command) {
     const int rc = libssh2_channel_process_startup(rawChannel(command.channel_), "exec", 4, command.line_.c_str(),
                                                    static_cast<unsigned>(command.line_.size()));
-    if (rc == LIBSSH2_ERROR_EAGAIN) return false;
+    if (rc == LIBSSH2_ERROR_EAGAIN) {
+        // Sent whole, the request waits for its answer.
+        if (command.requested_ || session_->sendPending()) return false;
+        command.requested_ = true;
+        return true;
+    }
     if (rc == 0) {
-        command.input_.resize(kChunkSize);
         enter(command, RemoteCommand::Phase::running);
     } else if (isSocketError(rc)) {
         loseConnection();
@@ -540,6 +554,8 @@ bool Ssh::receive(RemoteCommand& command) {
     LIBSSH2_CHANNEL* channel = rawChannel(command.channel_);
     bool progress = false;
     for (int stream = 0; stream < 2; ++stream) {
+        // Reading standard output took every packet off the socket already.
+        if (stream == 1 && !libssh2_poll_channel_read(channel, 1)) break;
         for (std::size_t read = 0; read < kReadPerPass;) {
             const std::size_t may = RateLimit::allow(kChunkSize);
             if (may == 0) break;
@@ -566,6 +582,11 @@ bool Ssh::receive(RemoteCommand& command) {
         return true;
     }
     if (progress) return true;
+    // Asking the library costs a poll and a read of the socket: once in a
+    // while is enough for a channel that stays silent.
+    const auto now = std::chrono::steady_clock::now();
+    if (now - command.stateAsked_ < kStateInterval) return false;
+    command.stateAsked_ = now;
     const libssh2pp::Channel::State state = command.channel_->state();
     if (state == libssh2pp::Channel::State::connectionGone) {
         // Not the command's end: its status never came.
@@ -756,7 +777,7 @@ bool queued(LIBSSH2_CHANNEL* channel, bool wantsToWrite) {
 bool Ssh::hasQueued() const {
     for (const RemoteCommand* command : table_)
         if (command->phase_ == RemoteCommand::Phase::running &&
-            queued(rawChannel(command->channel_), !command->inputEnded_))
+            queued(rawChannel(command->channel_), command->inputSent_ < command->inputLength_))
             return true;
     return false;
 }

@@ -37,7 +37,8 @@ void terminateProgram();
 void checkProgramTerminated();
 
 // Source of bytes: more than 0 is a chunk, 0 the end of input, -1 an error,
-// later that nothing is there yet but more will come (ask again).
+// later that nothing is there yet but more will come: asked again once the
+// command's channel has news, or the loop's wait is over.
 class IOReadChannel {
 public:
     static const int later = -2;
@@ -197,9 +198,11 @@ private:
     std::size_t inputSent_ = 0;
     bool inputEnded_ = false;
     bool eofSent_ = false;
+    bool requested_ = false;  // the request to run it went out
     bool closedWithoutEof_ = false;
     std::chrono::steady_clock::time_point asked_;
     std::chrono::steady_clock::time_point since_;  // of its phase
+    std::chrono::steady_clock::time_point stateAsked_;  // whether it or its connection went away
     int status_ = -1;
     bool lost_ = false;
     std::unique_ptr<class CommandLog> log_;
