@@ -58,12 +58,14 @@ ExecOptions::ExecOptions() : counter(&Ssh::null_counter) {}
 long long RateLimit::rate_ = 0;
 double RateLimit::tokens_ = 0;
 std::chrono::steady_clock::time_point RateLimit::filled_;
+std::mutex RateLimit::mutex_;
 
 // The least a capped read or write moves, so that a slow rate does not turn
 // into a stream of tiny packets.
 static const std::size_t kLeastMove = 4096;
 
 void RateLimit::set(long long bytesPerSecond) {
+    std::lock_guard<std::mutex> hold(mutex_);
     rate_ = bytesPerSecond > 0 ? bytesPerSecond : 0;
     tokens_ = 0;
     filled_ = std::chrono::steady_clock::now();
@@ -78,17 +80,21 @@ void RateLimit::refill() {
 
 std::size_t RateLimit::allow(std::size_t want) {
     if (rate_ == 0) return want;
+    std::lock_guard<std::mutex> hold(mutex_);
     refill();
     const std::size_t may = static_cast<std::size_t>(std::max(0.0, tokens_));
     return may >= std::min(want, kLeastMove) ? std::min(want, may) : 0;
 }
 
 void RateLimit::spend(std::size_t bytes) {
-    if (rate_ != 0) tokens_ -= static_cast<double>(bytes);
+    if (rate_ == 0) return;
+    std::lock_guard<std::mutex> hold(mutex_);
+    tokens_ -= static_cast<double>(bytes);
 }
 
 long RateLimit::wait() {
     if (rate_ == 0) return 0;
+    std::lock_guard<std::mutex> hold(mutex_);
     refill();
     const double missing = static_cast<double>(kLeastMove) - tokens_;
     return missing <= 0 ? 0 : std::max(1L, static_cast<long>(1000 * missing / static_cast<double>(rate_)));
@@ -103,9 +109,9 @@ void terminateProgram() {
     isProgramTerminated = 1;
 }
 
-// Set while the loop finishes one last exchange that a stop request must not
-// cut short (ChannelLoop::finish, bounded in time).
-static bool finishingDespiteStop = false;
+// Set while the thread's loop finishes one last exchange that a stop request
+// must not cut short (ChannelLoop::finish, bounded in time).
+static thread_local bool finishingDespiteStop = false;
 
 void checkProgramTerminated() {
     if (isProgramTerminated && !finishingDespiteStop)
@@ -222,11 +228,11 @@ Ssh::Ssh(const std::string& host, const std::string& login, const std::string& p
     : Ssh(host, port, passwordOnly(login, password), disableEncryption) {}
 
 Ssh::Ssh(const std::string& host, unsigned short port, const libssh2pp::Credentials& credentials,
-         bool disableEncryption, std::chrono::milliseconds connectLimit) {
+         bool disableEncryption, std::chrono::milliseconds connectLimit, const std::function<void()>& beforeLogin) {
     addSecret(credentials.password);
     addSecret(credentials.passphrase);
     try {
-        logIn(host, port, credentials, disableEncryption, connectLimit);
+        logIn(host, port, credentials, disableEncryption, connectLimit, beforeLogin);
     } catch (const ExTraceable&) {
         // A stop request cuts the library's waits short: what fails then
         // fails because of the stop.
@@ -236,7 +242,8 @@ Ssh::Ssh(const std::string& host, unsigned short port, const libssh2pp::Credenti
 }
 
 void Ssh::logIn(const std::string& host, unsigned short port, const libssh2pp::Credentials& credentials,
-                bool disableEncryption, std::chrono::milliseconds connectLimit) {
+                bool disableEncryption, std::chrono::milliseconds connectLimit,
+                const std::function<void()>& beforeLogin) {
     const long limitMs = loginTimeoutSec() * 1000;
     const auto start = std::chrono::steady_clock::now();
     logger.debugStream() << "SSH handshake and authentication may take up to " << limitMs / 1000 << " s";
@@ -269,6 +276,7 @@ void Ssh::logIn(const std::string& host, unsigned short port, const libssh2pp::C
         if (spentMs >= limitMs) throw VELMO_EXC(ConnectionTimedOut) % host;
         startSession(true, limitMs - spentMs);
     }
+    if (beforeLogin) beforeLogin();
     try {
         // Nothing of the login goes to a host that is not the one of the
         // migration.
@@ -749,8 +757,8 @@ long Ssh::runPeriodicTask() {
 
 namespace {
 
-// The loop is never entered again from inside: a periodic task or a sink
-// starts commands, it never runs one to its end.
+// A thread's loop is never entered again from inside: a periodic task or a
+// sink starts commands, it never runs one to its end.
 class OnlyLoop {
 public:
     OnlyLoop() {
@@ -760,13 +768,14 @@ public:
     ~OnlyLoop() { running_ = false; }
 
 private:
-    static bool running_;
+    static thread_local bool running_;
 };
-bool OnlyLoop::running_ = false;
+thread_local bool OnlyLoop::running_ = false;
 
 // Whether the library holds something for a command that a pass would
 // take: packets that another channel's read took off the socket, or window
-// that arrived for input waiting to go.
+// that arrived for input waiting to go (read from its source and not sent;
+// a source that has nothing yet is asked again on the channel's next news).
 bool queued(LIBSSH2_CHANNEL* channel, bool wantsToWrite) {
     return libssh2_poll_channel_read(channel, 0) || libssh2_poll_channel_read(channel, 1) ||
            libssh2_channel_eof(channel) != 0 || (wantsToWrite && libssh2_channel_window_write_ex(channel, nullptr) > 0);

@@ -11,6 +11,7 @@
 #include <functional>
 #include <istream>
 #include <memory>
+#include <mutex>
 #include <ostream>
 #include <stdexcept>
 #include <string>
@@ -138,9 +139,10 @@ public:
 private:
     static void refill();
 
-    static long long rate_;
+    static long long rate_;  // set before any connection is made
     static double tokens_;
     static std::chrono::steady_clock::time_point filled_;
+    static std::mutex mutex_;  // connections serviced on threads of their own share the bucket
 };
 
 // Receives the size of every chunk of a command's standard output.
@@ -236,9 +238,12 @@ public:
         bool disableEncryption, unsigned short port);
     // The same with whatever the credentials offer (keys first). host may be
     // an IPv6 address in brackets. The TCP connection takes connectLimit at
-    // most (0: what the kernel gives it).
+    // most (0: what the kernel gives it). beforeLogin, when given, runs once
+    // the handshake is over, before the host key is checked and anything of
+    // the login is sent; what it throws ends the connection.
     Ssh(const std::string& host, unsigned short port, const libssh2pp::Credentials& credentials,
-        bool disableEncryption, std::chrono::milliseconds connectLimit = std::chrono::milliseconds(0));
+        bool disableEncryption, std::chrono::milliseconds connectLimit = std::chrono::milliseconds(0),
+        const std::function<void()>& beforeLogin = nullptr);
     ~Ssh();
     Ssh(const Ssh&) = delete;
     Ssh& operator=(const Ssh&) = delete;
@@ -287,7 +292,8 @@ private:
     typedef bool (Ssh::*Step)(RemoteCommand&);
 
     void logIn(const std::string& host, unsigned short port, const libssh2pp::Credentials& credentials,
-               bool disableEncryption, std::chrono::milliseconds connectLimit);
+               bool disableEncryption, std::chrono::milliseconds connectLimit,
+               const std::function<void()>& beforeLogin);
 
     // One pass over the table: each command's phases in turn. True when
     // anything moved.

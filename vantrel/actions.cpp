@@ -170,7 +170,8 @@ void Action::reconnecting(const std::string& what, const std::function<void()>& 
     }
 }
 
-std::unique_ptr<Ssh> Action::connect(std::chrono::milliseconds connectLimit) const {
+std::unique_ptr<Ssh> Action::connect(std::chrono::milliseconds connectLimit,
+                                     const std::function<void()>& beforeLogin) const {
     const unsigned short port = cfg->port == 0 ? 22 : static_cast<unsigned short>(cfg->port);
     libssh2pp::Credentials credentials;
     credentials.login = cfg->login;
@@ -178,7 +179,7 @@ std::unique_ptr<Ssh> Action::connect(std::chrono::milliseconds connectLimit) con
     credentials.keyFile = cfg->keyFile;
     credentials.passphrase = cfg->keyPassphrase;
     credentials.agent = cfg->useAgent;
-    return std::unique_ptr<Ssh>(new Ssh(cfg->host, port, credentials, cfg->noEncryption, connectLimit));
+    return std::unique_ptr<Ssh>(new Ssh(cfg->host, port, credentials, cfg->noEncryption, connectLimit, beforeLogin));
 }
 
 const std::string& Action::agentDir() {

@@ -110,8 +110,10 @@ public:
     // The same, a TCP connection that it makes taking connectLimit at most.
     Ssh* getSsh(std::chrono::milliseconds connectLimit);
     // One more connection to the source host, as getSsh makes it; its TCP
-    // connection takes connectLimit at most (0: what the kernel gives it).
-    std::unique_ptr<Ssh> connect(std::chrono::milliseconds connectLimit = std::chrono::milliseconds(0)) const;
+    // connection takes connectLimit at most (0: what the kernel gives it);
+    // beforeLogin runs between the handshake and the login (see Ssh).
+    std::unique_ptr<Ssh> connect(std::chrono::milliseconds connectLimit = std::chrono::milliseconds(0),
+                                 const std::function<void()>& beforeLogin = nullptr) const;
     // Runs work; when the connection is lost under it, or cannot be made
     // again, connects again and runs it once more, as the run's Reconnects
     // allow (work marks its progress there). Other failures, and those of

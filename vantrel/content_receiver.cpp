@@ -108,11 +108,25 @@ void ContentReceiver::paced(int s, int64_t bytes) {
     pace.mark = now;
 }
 
+bool ContentReceiver::doneFirst(int s) const {
+    if (rangeSize_ == 0 || bytesOnWay_[s] <= 0) return true;
+    int64_t endgame = 0;
+    for (std::size_t o = 0; o < onWay_.size(); ++o) endgame += enoughOnWay(static_cast<int>(o));
+    if (unasked_ > endgame) return true;
+    const auto doneIn = [this](std::size_t o) {
+        return paces_[o].bytesPerMs > 0 ? static_cast<double>(bytesOnWay_[o]) / paces_[o].bytesPerMs : 1e18;
+    };
+    const double mine = doneIn(static_cast<std::size_t>(s));
+    for (std::size_t o = 0; o < onWay_.size(); ++o)
+        if (static_cast<int>(o) != s && bytesOnWay_[o] > 0 && doneIn(o) < mine) return false;
+    return true;
+}
+
 std::string ContentReceiver::nextRequests(int s) {
     std::string requests;
     const int64_t enough = enoughOnWay(s);
     Unit unit;
-    while (onWay_[s].size() < kMostOnWay && bytesOnWay_[s] < enough && take(unit)) {
+    while (onWay_[s].size() < kMostOnWay && bytesOnWay_[s] < enough && doneFirst(s) && take(unit)) {
         onWay_[s].push_back(unit);
         bytesOnWay_[s] += unit.length;
         requests += std::to_string(unit.offset) + " " + std::to_string(unit.length) + " " +

@@ -91,6 +91,10 @@ private:
     // keeps on its way: what it brings in two round trips.
     int64_t pieceSize() const;
     int64_t enoughOnWay(int s) const;
+    // Whether stream s may take more: near the end (what is not asked for
+    // yet fits in what the streams keep on their way) only the stream that
+    // will be through with its work first does, so that they end together.
+    bool doneFirst(int s) const;
     void paced(int s, int64_t bytes);
     void event(int s, const SenderEvent& event);
     void ended(Unit unit);

@@ -1,12 +1,14 @@
 #include "vantrel/retrieve_content.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <future>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -68,24 +70,33 @@ std::string md5OfFile(const Directory& dir, const std::string& name) {
     }
 }
 
-// How many streams carry bytes: KVA_STREAMS (1 to 16) when set, else one per
-// share of the data, at most four.
+// The streams KVA_STREAMS asks for (1 to 16), or 0 when it does not.
+int streamsAskedFor(bool warn) {
+    const char* text = std::getenv("KVA_STREAMS");
+    if (text == nullptr) return 0;
+    char* end = nullptr;
+    const long wanted = std::strtol(text, &end, 10);
+    if (*text != '\0' && *end == '\0' && wanted >= 1 && wanted <= kMostStreams) return static_cast<int>(wanted);
+    if (warn) contentLog.warnStream() << "Ignoring KVA_STREAMS='" << text << "': not a number from 1 to " << kMostStreams;
+    return 0;
+}
+
+// How many streams carry bytes: KVA_STREAMS when set, else one per share of
+// the data, at most four.
 int streamsFor(int64_t bytes) {
-    if (const char* text = std::getenv("KVA_STREAMS")) {
-        char* end = nullptr;
-        const long wanted = std::strtol(text, &end, 10);
-        if (*text != '\0' && *end == '\0' && wanted >= 1 && wanted <= kMostStreams) return static_cast<int>(wanted);
-        contentLog.warnStream() << "Ignoring KVA_STREAMS='" << text << "': not a number from 1 to " << kMostStreams;
-    }
+    if (const int asked = streamsAskedFor(true)) return asked;
     return static_cast<int>(std::max<int64_t>(1, std::min<int64_t>(kDefaultStreams, bytes / kStreamShare)));
 }
 
 // Gives a stream's sender the requests its receiver hands out as the channel
-// takes them, and the end of its input once nothing is left for it.
+// takes them, and the end of its input once nothing is left for it. The
+// receiver is shared by the threads of the streams, under mutex.
 class Requests : public IOReadChannel {
 public:
-    Requests(ContentReceiver& receiver, int stream) : receiver_(receiver), stream_(stream) {}
+    Requests(ContentReceiver& receiver, std::mutex& mutex, int stream)
+        : receiver_(receiver), mutex_(mutex), stream_(stream) {}
     int read(char* buffer, unsigned size) override {
+        std::lock_guard<std::mutex> hold(mutex_);
         if (pending_.empty()) pending_ = receiver_.nextRequests(stream_);
         if (pending_.empty()) return receiver_.waiting(stream_) || receiver_.anythingToAsk() ? later : 0;
         const std::size_t n = std::min<std::size_t>(size, pending_.size());
@@ -96,6 +107,7 @@ public:
 
 private:
     ContentReceiver& receiver_;
+    std::mutex& mutex_;
     int stream_;
     std::string pending_;
 };
@@ -103,22 +115,32 @@ private:
 // Hands what a stream's sender says to the receiver.
 class Answers : public IOWriteChannel {
 public:
-    Answers(ContentReceiver& receiver, int stream) : receiver_(receiver), stream_(stream) {}
+    Answers(ContentReceiver& receiver, std::mutex& mutex, int stream)
+        : receiver_(receiver), mutex_(mutex), stream_(stream) {}
     int write(const char* data, unsigned size) override {
+        std::lock_guard<std::mutex> hold(mutex_);
         receiver_.received(stream_, data, size);
         return static_cast<int>(size);
     }
 
 private:
     ContentReceiver& receiver_;
+    std::mutex& mutex_;
     int stream_;
 };
 
-// Names, each ended by a NUL, as a command's input.
+// Names, each ended by a NUL, as a command's input; with more, the input
+// waits for the rest (end).
 class TextInput : public IOReadChannel {
 public:
-    explicit TextInput(std::string text) : text_(std::move(text)) {}
+    explicit TextInput(std::string text, bool more = false) : text_(std::move(text)), more_(more) {}
+    void end(const std::string& rest) {
+        text_ += rest;
+        more_ = false;
+    }
+    bool more() const { return more_; }
     int read(char* buffer, unsigned size) override {
+        if (at_ == text_.size() && more_) return later;
         const std::size_t n = std::min<std::size_t>(size, text_.size() - at_);
         std::memcpy(buffer, text_.data() + at_, n);
         at_ += n;
@@ -128,6 +150,7 @@ public:
 private:
     std::string text_;
     std::size_t at_ = 0;
+    bool more_;
 };
 
 }  // namespace
@@ -160,6 +183,12 @@ void FileRetrievalProgressUpdater::fileDone() {
 // come (from where on), the streams that bring them (ContentReceiver takes
 // what they send), the migration status, and the removal on the source host
 // of what arrived.
+//
+// The first stream and the removal share the run's connection, serviced by
+// this thread, which also starts and ends every sender; the other streams'
+// connections are serviced each by a thread of its own while its sender runs
+// (a connection decrypts on one core). What the threads share (the receiver,
+// the status, the archives that arrived) is guarded by mutex_.
 class ContentTransfer {
 public:
     ContentTransfer(RetrieveContentAction& action, FileRetrievalProgressUpdater& updater, uid_t uid, gid_t gid)
@@ -168,18 +197,22 @@ public:
 
 private:
     struct Stream;
+    class StreamThreads;
 
     std::vector<ContentReceiver::Archive> plan(const std::vector<DumpFile>& records);
     void fetch(std::vector<ContentReceiver::Archive> archives);
     std::vector<std::unique_ptr<Stream>> openStreams(ContentReceiver& receiver, int count);
-    // The connections that streams have now.
-    static std::vector<Ssh*> connected(const std::vector<std::unique_ptr<Stream>>& streams);
+    // The connection that a stream has now, if any.
+    static std::vector<Ssh*> connected(const Stream& stream);
     // Whether a stream needs keepSending: a login or a pause over, a sender
     // that ended, or work for a stream without a sender.
     static bool anyStreamDue(const std::vector<std::unique_ptr<Stream>>& streams, const ContentReceiver& receiver);
-    // Sleeps until a login may have ended or the first stream may try
-    // again, a tenth of a second at most.
+    // Sleeps until a login may have ended, a stream's thread may be over or
+    // the first stream may try again, a tenth of a second at most.
     static void waitForFirst(const std::vector<std::unique_ptr<Stream>>& streams);
+    // Services the connection of a stream but the first while its sender
+    // runs, on a thread of its own.
+    static void serve(Stream& stream);
     // Streams but the first log in on threads of their own, while the others
     // work; a stream takes its connection once its login is over.
     void startLogin(Stream& stream);
@@ -197,13 +230,18 @@ private:
     void lose(Stream& stream, ContentReceiver& receiver, std::string why);
     void reconnect(Stream& stream);
     // The removal on the source host runs on the first stream's connection.
-    void keepRemoving(Stream& first);
+    void keepRemoving(Stream& first, const ContentReceiver& receiver);
+    // The senders see the end of their input and leave.
+    void endSenders(std::vector<std::unique_ptr<Stream>>& streams);
     void saveStatus(const ContentReceiver& receiver);
     // An archive here, proven, that is to be removed on the source host.
     void arrive(const std::string& name, const Directory& dir, const std::string& leaf);
     // Starts a removal of what arrived on the source host unless one is on
-    // its way; reports what the last one left.
-    bool startRemoval(Ssh& ssh);
+    // its way; reports what the last one left. With more, it starts even
+    // with nothing to remove yet and waits for the names that arrive last
+    // (lastNames): it is under way when the transfer ends.
+    bool startRemoval(Ssh& ssh, bool more = false);
+    void lastNames();
     void endRemoval();
     // The removals still due once everything arrived, on a connection made
     // again when need be; what cannot be removed stays for the next run.
@@ -222,18 +260,20 @@ private:
     std::map<std::string, std::pair<Directory, std::string>> here_;  // where they are: level, last component
     std::vector<std::string> removing_;      // names the removal on its way takes
     std::unique_ptr<TextInput> removalNames_;
+    bool lastReady_ = false;  // a removal was started to wait for the last names
     std::unique_ptr<ActionCommand> removal_;
     std::unique_ptr<PeriodicTask> removalTask_;
     BoundedText removalOutput_{1 << 20};
     ProgressLine progress_;
+    std::mutex mutex_;
     int64_t toFetch_ = 0;
     int64_t fetchedBytes_ = 0;
     int streamCount_ = 1;
 };
 
 struct ContentTransfer::Stream {
-    Stream(ContentReceiver& receiver, int index, Ssh* ssh) : index(index), ssh(ssh), input(receiver, index),
-                                                             output(receiver, index) {}
+    Stream(ContentReceiver& receiver, std::mutex& mutex, int index, Ssh* ssh)
+        : index(index), ssh(ssh), input(receiver, mutex, index), output(receiver, mutex, index) {}
     std::string name() const { return "Stream " + std::to_string(index + 1) + " of the content"; }
     int index;
     Ssh* ssh;                  // null while it waits to connect again
@@ -247,9 +287,34 @@ struct ContentTransfer::Stream {
     bool unused = false;  // its first login failed, or its tries: the others do without it
     Reconnects tries;     // after its connection was lost
     std::unique_ptr<ExTraceable> loss;  // the first loss of a streak, which fails the run if it lasts
+    std::future<void> thread;  // services the connection while the sender runs (streams but the first)
+    std::atomic<bool> stop{false};  // asks the thread to leave
 
     bool loggingIn() const { return login.valid(); }
     bool loginOver() const { return loggingIn() && login.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
+    bool serving() const { return thread.valid(); }
+    bool servingOver() const { return serving() && thread.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
+};
+
+// Asks the streams' threads to leave and waits for them, whatever ended the
+// transfer: nothing they use goes away under them.
+class ContentTransfer::StreamThreads {
+public:
+    explicit StreamThreads(std::vector<std::unique_ptr<Stream>>& streams) : streams_(streams) {}
+    ~StreamThreads() {
+        for (const auto& stream : streams_) stream->stop = true;
+        for (const auto& stream : streams_) {
+            if (!stream->serving()) continue;
+            try {
+                stream->thread.get();
+            } catch (...) {
+                // The transfer ends with what ended it first.
+            }
+        }
+    }
+
+private:
+    std::vector<std::unique_ptr<Stream>>& streams_;
 };
 
 void ContentTransfer::run(const std::vector<DumpFile>& records) {
@@ -327,38 +392,52 @@ void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
     ContentReceiver receiver(std::move(archives), count, count > 1 ? kRangeSize : 0, action_.cfg->host, events,
                              action_.getSsh()->roundTripMs());
     streams = openStreams(receiver, count);
-    while (!receiver.finished()) {
-        for (const auto& stream : streams) keepSending(*stream, receiver);
-        keepRemoving(*streams.front());
-        if (statusDue) {
-            statusDue = false;
-            shown = receiver.current();
-            saveStatus(receiver);
-        }
-        // The connections are serviced until a stream needs a step of
-        // this loop; streams that wait to connect wait meanwhile.
-        const auto due = [&] { return receiver.finished() || statusDue || anyStreamDue(streams, receiver); };
+    StreamThreads threads(streams);
+    for (;;) {
         bool waiting = false;
-        for (const auto& stream : streams) waiting |= !stream->unused && !stream->ssh;
-        ChannelLoop(connected(streams)).run(due, waiting ? 20 : 5000);
+        {
+            std::lock_guard<std::mutex> hold(mutex_);
+            if (receiver.finished()) break;
+            for (const auto& stream : streams) keepSending(*stream, receiver);
+            keepRemoving(*streams.front(), receiver);
+            if (statusDue) {
+                statusDue = false;
+                shown = receiver.current();
+                saveStatus(receiver);
+            }
+            for (const auto& stream : streams) waiting |= (!stream->unused && !stream->ssh) || stream->serving();
+        }
+        // The first connection is serviced until a stream needs a step of
+        // this loop; streams that wait to connect wait meanwhile.
+        const auto due = [&] {
+            std::lock_guard<std::mutex> hold(mutex_);
+            return receiver.finished() || statusDue || anyStreamDue(streams, receiver) ||
+                   (!lastReady_ && !receiver.anythingToAsk());
+        };
+        ChannelLoop(connected(*streams.front())).run(due, waiting ? 20 : 5000);
         // Nothing left to service: the next login or try is waited for.
         if (!due()) waitForFirst(streams);
     }
-    saveStatus(receiver);
-    // The senders see the end of their input and leave.
-    ChannelLoop(connected(streams)).run([&] {
-        for (const auto& stream : streams)
-            if (stream->sender && !stream->sender->remote().ended()) return false;
-        return true;
-    });
+    {
+        std::lock_guard<std::mutex> hold(mutex_);
+        saveStatus(receiver);
+        // What arrived last is removed while the senders leave.
+        lastNames();
+        if (streams.front()->ssh) startRemoval(*streams.front()->ssh);
+    }
+    endSenders(streams);
     removalTask_.reset();
 }
 
-std::vector<Ssh*> ContentTransfer::connected(const std::vector<std::unique_ptr<Stream>>& streams) {
-    std::vector<Ssh*> connections;
+void ContentTransfer::endSenders(std::vector<std::unique_ptr<Stream>>& streams) {
+    Stream& first = *streams.front();
+    ChannelLoop(connected(first)).run([&first] { return !first.sender || first.sender->remote().ended(); });
     for (const auto& stream : streams)
-        if (stream->ssh) connections.push_back(stream->ssh);
-    return connections;
+        if (stream->serving()) stream->thread.get();
+}
+
+std::vector<Ssh*> ContentTransfer::connected(const Stream& stream) {
+    return stream.ssh ? std::vector<Ssh*>{stream.ssh} : std::vector<Ssh*>();
 }
 
 bool ContentTransfer::anyStreamDue(const std::vector<std::unique_ptr<Stream>>& streams,
@@ -366,7 +445,9 @@ bool ContentTransfer::anyStreamDue(const std::vector<std::unique_ptr<Stream>>& s
     const auto now = std::chrono::steady_clock::now();
     for (const auto& stream : streams) {
         if (stream->unused) continue;
-        if (stream->loggingIn()) {
+        if (stream->serving()) {
+            if (stream->servingOver()) return true;
+        } else if (stream->loggingIn()) {
             if (stream->loginOver()) return true;
         } else if (!stream->ssh) {
             if (now >= stream->retryAt) return true;
@@ -381,12 +462,17 @@ bool ContentTransfer::anyStreamDue(const std::vector<std::unique_ptr<Stream>>& s
 void ContentTransfer::waitForFirst(const std::vector<std::unique_ptr<Stream>>& streams) {
     auto next = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
     for (const auto& stream : streams) {
-        if (stream->loggingIn())
+        if (stream->loggingIn() || stream->serving())
             next = std::min(next, std::chrono::steady_clock::now() + std::chrono::milliseconds(20));
         else if (!stream->unused)
             next = std::min(next, stream->retryAt);
     }
     Reconnects::wait(std::chrono::duration_cast<std::chrono::milliseconds>(next - std::chrono::steady_clock::now()));
+}
+
+void ContentTransfer::serve(Stream& stream) {
+    // Answers wake it; the wait is bounded so that it sees a request to leave.
+    ChannelLoop({stream.ssh}).run([&stream] { return stream.stop || stream.sender->remote().ended(); }, 100);
 }
 
 void ContentTransfer::startLogin(Stream& stream) {
@@ -437,12 +523,27 @@ void ContentTransfer::tryAgain(Stream& stream, const std::string& why) {
 std::vector<std::unique_ptr<ContentTransfer::Stream>> ContentTransfer::openStreams(ContentReceiver& receiver,
                                                                                    int count) {
     std::vector<std::unique_ptr<Stream>> streams;
-    streams.emplace_back(new Stream(receiver, 0, action_.getSsh()));
+    streams.emplace_back(new Stream(receiver, mutex_, 0, action_.getSsh()));
     streams.front()->everConnected = true;
     for (int i = 1; i < count; ++i) {
-        streams.emplace_back(new Stream(receiver, i, nullptr));
-        startLogin(*streams.back());
+        streams.emplace_back(new Stream(receiver, mutex_, i, nullptr));
+        if (static_cast<std::size_t>(i) <= action_.logins_.size())
+            streams.back()->login = std::move(action_.logins_[i - 1]);
+        else
+            startLogin(*streams.back());
     }
+    // Connections made for streams the data does not need are closed once
+    // their logins are over.
+    auto& spare = action_.logins_;
+    spare.erase(std::remove_if(spare.begin(), spare.end(), [](std::future<std::unique_ptr<Ssh>>& login) {
+        if (!login.valid()) return true;
+        if (login.wait_for(std::chrono::seconds(0)) != std::future_status::ready) return false;
+        try {
+            login.get();
+        } catch (const std::exception&) {
+        }
+        return true;
+    }), spare.end());
     contentLog.infoStream() << "Fetching " << toFetch_ << " bytes of " << fetched_.size() << " archive(s) over "
                             << count << " stream(s)";
     return streams;
@@ -450,6 +551,10 @@ std::vector<std::unique_ptr<ContentTransfer::Stream>> ContentTransfer::openStrea
 
 void ContentTransfer::keepSending(Stream& stream, ContentReceiver& receiver) {
     if (stream.unused || (stream.loggingIn() && (!stream.loginOver() || !loggedIn(stream)))) return;
+    if (stream.serving()) {
+        if (!stream.servingOver()) return;
+        stream.thread.get();  // what ended the thread, if anything, ends the transfer
+    }
     if (stream.sender && !stream.sender->remote().ended()) return;
     if (stream.sender && stream.sender->remote().lost()) return lose(stream, receiver, stream.ssh->whyLost());
     if (stream.sender) {
@@ -468,6 +573,7 @@ void ContentTransfer::keepSending(Stream& stream, ContentReceiver& receiver) {
     stream.sender.reset(new ActionCommand(action_, how, commandLine(perlRunning(remote::content_sender)),
                                           stream.input, stream.output));
     stream.ssh->start(stream.sender->remote());
+    if (stream.index > 0) stream.thread = std::async(std::launch::async, [&stream] { serve(stream); });
 }
 
 void ContentTransfer::lose(Stream& stream, ContentReceiver& receiver, std::string why) {
@@ -495,10 +601,16 @@ void ContentTransfer::reconnect(Stream& stream) {
     }
 }
 
-void ContentTransfer::keepRemoving(Stream& first) {
+void ContentTransfer::keepRemoving(Stream& first, const ContentReceiver& receiver) {
     if (removal_ && removal_->remote().ended()) endRemoval();
+    // Everything is asked for: the last removal gets ready (once).
+    if (!removal_ && first.ssh && !receiver.anythingToAsk() && !lastReady_) {
+        lastReady_ = true;
+        startRemoval(*first.ssh, true);
+    }
     if (!removalTask_ && first.ssh)
         removalTask_.reset(new PeriodicTask(*first.ssh, kRemovalInterval, [this, &first] {
+            std::lock_guard<std::mutex> hold(mutex_);
             return first.ssh == nullptr || startRemoval(*first.ssh);
         }));
 }
@@ -523,15 +635,15 @@ void ContentTransfer::saveStatus(const ContentReceiver& receiver) {
 
 // ------------------------------------------------------------- removal
 
-bool ContentTransfer::startRemoval(Ssh& ssh) {
+bool ContentTransfer::startRemoval(Ssh& ssh, bool more) {
     if (removal_ && !removal_->remote().ended()) return true;
     endRemoval();
-    if (arrived_.empty() || ssh.lost()) return true;
+    if ((arrived_.empty() && !more) || ssh.lost()) return true;
     std::string names;
     for (const std::string& name : arrived_) names += name + '\0';
     removing_.swap(arrived_);
     arrived_.clear();
-    removalNames_.reset(new TextInput(names));
+    removalNames_.reset(new TextInput(names, more));
     removalOutput_ = BoundedText(1 << 20);
     // Removed as root, following no link out of the agent directory
     // (remote/archive-remover.pl).
@@ -540,6 +652,15 @@ bool ContentTransfer::startRemoval(Ssh& ssh) {
                                      removalOutput_));
     ssh.start(removal_->remote());
     return true;
+}
+
+void ContentTransfer::lastNames() {
+    if (!removal_ || !removalNames_->more()) return;
+    std::string names;
+    for (const std::string& name : arrived_) names += name + '\0';
+    removalNames_->end(names);
+    removing_.insert(removing_.end(), arrived_.begin(), arrived_.end());
+    arrived_.clear();
 }
 
 // What a removal left: each failure goes to the debug log, nothing stops the
@@ -606,6 +727,7 @@ void ContentTransfer::removeTheRest() {
 
 void ContentTransfer::lastRemoval() noexcept {
     try {
+        lastNames();
         if (!removal_ && arrived_.empty()) return;
         // The connection there is, if any: no new one is made now.
         Ssh* ssh = action_.ssh.get();
@@ -699,6 +821,22 @@ bool RetrieveContentAction::checkMD5(const DumpFile& file) {
            md5OfFile(dir, leaf) == file.md5sum;
 }
 
+void RetrieveContentAction::startLogins() {
+    const int most = streamsAskedFor(false) > 0 ? streamsAskedFor(false) : kDefaultStreams;
+    const std::shared_future<void> first = firstLogin_.get_future().share();
+    const std::chrono::milliseconds limit = reconnects().connectLimit();
+    for (int i = 1; i < most; ++i)
+        logins_.push_back(std::async(std::launch::async, [this, first, limit] {
+            return connect(limit, [first] {
+                try {
+                    first.get();
+                } catch (const std::future_error&) {
+                    throw VELMO_EXC(SshConnectionFault);
+                }
+            });
+        }));
+}
+
 void RetrieveContentAction::execute() {
     try {
         retrieve();
@@ -718,7 +856,12 @@ void RetrieveContentAction::retrieve() {
 
     boost::shared_ptr<Agent> agent = theAgentsFactory().getAgent(cfg->agentName);
     CommandResult listed;
+    startLogins();
+    bool loggedIn = false;
     reconnecting("The content list", [&] {
+        getSsh();
+        if (!loggedIn) firstLogin_.set_value();
+        loggedIn = true;
         listed = run(CommandOptions(agentDir()).asRoot().endingWithRun(),
                      commandLine({agent->getEffectiveInterpreter(), agentDir() + "/" + agent->getEntryPoint(),
                                   "--get-content-list"}));

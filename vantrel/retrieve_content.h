@@ -6,6 +6,8 @@
 
 #include <cstdint>
 #include <ctime>
+#include <future>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -47,8 +49,16 @@ public:
 private:
     friend class ContentTransfer;
     void retrieve();
+    // The connections of the streams that may carry content besides the
+    // first one are made along with it, and log in once it did (never with
+    // credentials that failed, and after its host key is pinned), while the
+    // source host makes the list; the transfer takes those it needs, the
+    // others end with the run.
+    void startLogins();
 
     Directory contentDir_;
+    std::vector<std::future<std::unique_ptr<Ssh>>> logins_;
+    std::promise<void> firstLogin_;  // gone unkept, it ends the others' logins
 };
 
 // Refuses a content name that would leave the content directory.
