@@ -201,15 +201,22 @@ private:
 
     std::vector<ContentReceiver::Archive> plan(const std::vector<DumpFile>& records);
     void fetch(std::vector<ContentReceiver::Archive> archives);
+    // Starts, ends and services what the streams and the removal need, until
+    // a stream or the status needs the next step; false once everything
+    // arrived.
+    bool step(std::vector<std::unique_ptr<Stream>>& streams, ContentReceiver& receiver);
     std::vector<std::unique_ptr<Stream>> openStreams(ContentReceiver& receiver, int count);
     // The connection that a stream has now, if any.
     static std::vector<Ssh*> connected(const Stream& stream);
     // Whether a stream needs keepSending: a login or a pause over, a sender
-    // that ended, or work for a stream without a sender.
+    // that ended, or work for a stream without a sender. Each of these is
+    // acted upon: a condition that stayed true would keep the loop from
+    // servicing the first connection.
     static bool anyStreamDue(const std::vector<std::unique_ptr<Stream>>& streams, const ContentReceiver& receiver);
     // Sleeps until a login may have ended, a stream's thread may be over or
-    // the first stream may try again, a tenth of a second at most.
-    static void waitForFirst(const std::vector<std::unique_ptr<Stream>>& streams);
+    // the first stream that waits to connect again (when there is work) may
+    // try, a tenth of a second at most.
+    static void waitForFirst(const std::vector<std::unique_ptr<Stream>>& streams, bool work);
     // Services the connection of a stream but the first while its sender
     // runs, on a thread of its own.
     static void serve(Stream& stream);
@@ -231,6 +238,9 @@ private:
     void reconnect(Stream& stream);
     // The removal on the source host runs on the first stream's connection.
     void keepRemoving(Stream& first, const ContentReceiver& receiver);
+    // Everything is asked for: the last removal gets ready (once), when no
+    // removal is on its way.
+    bool lastRemovalDue(const Stream& first, const ContentReceiver& receiver) const;
     // The senders see the end of their input and leave.
     void endSenders(std::vector<std::unique_ptr<Stream>>& streams);
     void saveStatus(const ContentReceiver& receiver);
@@ -266,6 +276,8 @@ private:
     BoundedText removalOutput_{1 << 20};
     ProgressLine progress_;
     std::mutex mutex_;
+    bool statusDue_ = true;  // an archive started or arrived: the status is saved
+    std::size_t shown_ = 0;  // the archive the terminal's line names
     int64_t toFetch_ = 0;
     int64_t fetchedBytes_ = 0;
     int streamCount_ = 1;
@@ -370,53 +382,28 @@ std::vector<ContentReceiver::Archive> ContentTransfer::plan(const std::vector<Du
 void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
     const int count = streamsFor(toFetch_);
     streamCount_ = count;
+    std::vector<std::unique_ptr<Stream>> streams;
     // The status is saved as an archive starts and as it arrives, the
     // terminal's line as bytes come.
-    bool statusDue = true;
-    std::size_t shown = 0;
-    std::vector<std::unique_ptr<Stream>> streams;
     ContentReceiver::Events events;
-    events.started = [&statusDue](std::size_t) { statusDue = true; };
-    events.received = [this, &shown, &streams](int s, int64_t bytes) {
+    events.started = [this](std::size_t) { statusDue_ = true; };
+    events.received = [this, &streams](int s, int64_t bytes) {
         streams[s]->tries.progressed();
         streams[s]->loss.reset();
         updater_(static_cast<int>(bytes));
         fetchedBytes_ += bytes;
-        progress_.update(fetched_[shown]->name, fetchedBytes_, toFetch_);
+        progress_.update(fetched_[shown_]->name, fetchedBytes_, toFetch_);
     };
-    events.arrived = [this, &statusDue](std::size_t i) {
+    events.arrived = [this](std::size_t i) {
         arrive(fetched_[i]->name, fetchedTo_[i], getFileNameFromPath(fetched_[i]->name));
         updater_.fileDone();
-        statusDue = true;
+        statusDue_ = true;
     };
     ContentReceiver receiver(std::move(archives), count, count > 1 ? kRangeSize : 0, action_.cfg->host, events,
                              action_.getSsh()->roundTripMs());
     streams = openStreams(receiver, count);
     StreamThreads threads(streams);
-    for (;;) {
-        bool waiting = false;
-        {
-            std::lock_guard<std::mutex> hold(mutex_);
-            if (receiver.finished()) break;
-            for (const auto& stream : streams) keepSending(*stream, receiver);
-            keepRemoving(*streams.front(), receiver);
-            if (statusDue) {
-                statusDue = false;
-                shown = receiver.current();
-                saveStatus(receiver);
-            }
-            for (const auto& stream : streams) waiting |= (!stream->unused && !stream->ssh) || stream->serving();
-        }
-        // The first connection is serviced until a stream needs a step of
-        // this loop; streams that wait to connect wait meanwhile.
-        const auto due = [&] {
-            std::lock_guard<std::mutex> hold(mutex_);
-            return receiver.finished() || statusDue || anyStreamDue(streams, receiver) ||
-                   (!lastReady_ && !receiver.anythingToAsk());
-        };
-        ChannelLoop(connected(*streams.front())).run(due, waiting ? 20 : 5000);
-        // Nothing left to service: the next login or try is waited for.
-        if (!due()) waitForFirst(streams);
+    while (step(streams, receiver)) {
     }
     {
         std::lock_guard<std::mutex> hold(mutex_);
@@ -427,6 +414,38 @@ void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
     }
     endSenders(streams);
     removalTask_.reset();
+}
+
+bool ContentTransfer::step(std::vector<std::unique_ptr<Stream>>& streams, ContentReceiver& receiver) {
+    bool waiting = false;
+    {
+        std::lock_guard<std::mutex> hold(mutex_);
+        if (receiver.finished()) return false;
+        for (const auto& stream : streams) keepSending(*stream, receiver);
+        keepRemoving(*streams.front(), receiver);
+        if (statusDue_) {
+            statusDue_ = false;
+            shown_ = receiver.current();
+            saveStatus(receiver);
+        }
+        for (const auto& stream : streams) waiting |= (!stream->unused && !stream->ssh) || stream->serving();
+    }
+    // The first connection is serviced until a stream needs a step of this
+    // loop; streams that wait to connect wait meanwhile.
+    const auto due = [&] {
+        std::lock_guard<std::mutex> hold(mutex_);
+        return receiver.finished() || statusDue_ || anyStreamDue(streams, receiver) ||
+               lastRemovalDue(*streams.front(), receiver);
+    };
+    ChannelLoop(connected(*streams.front())).run(due, waiting ? 20 : 5000);
+    // Nothing left to service: the next login or try is waited for.
+    if (!due()) {
+        std::unique_lock<std::mutex> hold(mutex_);
+        const bool work = receiver.anythingToAsk();
+        hold.unlock();
+        waitForFirst(streams, work);
+    }
+    return true;
 }
 
 void ContentTransfer::endSenders(std::vector<std::unique_ptr<Stream>>& streams) {
@@ -450,7 +469,8 @@ bool ContentTransfer::anyStreamDue(const std::vector<std::unique_ptr<Stream>>& s
         } else if (stream->loggingIn()) {
             if (stream->loginOver()) return true;
         } else if (!stream->ssh) {
-            if (now >= stream->retryAt) return true;
+            // Connected again only for work.
+            if (now >= stream->retryAt && receiver.anythingToAsk()) return true;
         } else if (stream->sender ? stream->sender->remote().ended()
                                   : receiver.waiting(stream->index) || receiver.anythingToAsk()) {
             return true;
@@ -459,12 +479,12 @@ bool ContentTransfer::anyStreamDue(const std::vector<std::unique_ptr<Stream>>& s
     return false;
 }
 
-void ContentTransfer::waitForFirst(const std::vector<std::unique_ptr<Stream>>& streams) {
+void ContentTransfer::waitForFirst(const std::vector<std::unique_ptr<Stream>>& streams, bool work) {
     auto next = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
     for (const auto& stream : streams) {
         if (stream->loggingIn() || stream->serving())
             next = std::min(next, std::chrono::steady_clock::now() + std::chrono::milliseconds(20));
-        else if (!stream->unused)
+        else if (!stream->unused && !stream->ssh && work)
             next = std::min(next, stream->retryAt);
     }
     Reconnects::wait(std::chrono::duration_cast<std::chrono::milliseconds>(next - std::chrono::steady_clock::now()));
@@ -601,10 +621,13 @@ void ContentTransfer::reconnect(Stream& stream) {
     }
 }
 
+bool ContentTransfer::lastRemovalDue(const Stream& first, const ContentReceiver& receiver) const {
+    return !lastReady_ && first.ssh && !receiver.anythingToAsk() && (!removal_ || removal_->remote().ended());
+}
+
 void ContentTransfer::keepRemoving(Stream& first, const ContentReceiver& receiver) {
     if (removal_ && removal_->remote().ended()) endRemoval();
-    // Everything is asked for: the last removal gets ready (once).
-    if (!removal_ && first.ssh && !receiver.anythingToAsk() && !lastReady_) {
+    if (lastRemovalDue(first, receiver)) {
         lastReady_ = true;
         startRemoval(*first.ssh, true);
     }

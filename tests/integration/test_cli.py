@@ -90,6 +90,10 @@ class ExitCodeTest(h.Case):
                 self.failed(r, code, tag)
                 self.assertEqual(tries, re.findall(r"Trying '(\S+)' authentication", r.session.log()))
                 self.assertFalse(r.session.exists("scout-result.xml") and r.session.read("scout-result.xml"))
+        # The other connections of the content streams never log in with credentials that failed.
+        r = self.run_vantrel("--get-content", password="not the password", agent_dir="d", sudo=h.PASSWORD)
+        self.failed(r, 2, "CantRetrieveDump", inner="SshInvalidCredentials", doc="transfer.result")
+        self.assertEqual(["password", "keyboard-interactive"], re.findall(r"Trying '(\S+)' authentication", r.session.log()))
         # A short password is masked in the log only: the message keeps every "1" of the address.
         r = self.run_vantrel("--send-scout", password="1")
         self.assertEqual(17, r.code)
