@@ -417,6 +417,7 @@ void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
 }
 
 bool ContentTransfer::step(std::vector<std::unique_ptr<Stream>>& streams, ContentReceiver& receiver) {
+    checkProgramTerminated();
     bool waiting = false;
     {
         std::lock_guard<std::mutex> hold(mutex_);
