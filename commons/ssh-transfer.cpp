@@ -312,7 +312,16 @@ RemoteCommand::RemoteCommand(std::string line, IOReadChannel& in, IOWriteChannel
     : line_(std::move(line)), in_(in), out_(out), err_(err), how_(how), log_(new CommandLog()) {}
 
 RemoteCommand::~RemoteCommand() {
-    if (ssh_ != nullptr && phase_ != Phase::ended) ssh_->abandon(*this);
+    if (ssh_ == nullptr) return;
+    if (phase_ != Phase::ended) {
+        ssh_->abandon(*this);
+    } else {
+        // Ended, it waits in the table for the next pass to take it out; it
+        // leaves now, the connection may go before another pass.
+        auto& table = ssh_->table_;
+        table.erase(std::remove(table.begin(), table.end(), this), table.end());
+        ssh_ = nullptr;
+    }
 }
 
 namespace {
@@ -431,8 +440,13 @@ bool Ssh::service() {
                 break;
         }
     }
+    // A command out of the table is no longer this connection's to know.
     table_.erase(std::remove_if(table_.begin(), table_.end(),
-                                [](RemoteCommand* c) { return c->phase_ == RemoteCommand::Phase::ended; }),
+                                [](RemoteCommand* c) {
+                                    if (c->phase_ != RemoteCommand::Phase::ended) return false;
+                                    c->ssh_ = nullptr;
+                                    return true;
+                                }),
                  table_.end());
     return progress;
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <future>
@@ -12,8 +13,10 @@
 #include <regex>
 #include <set>
 #include <sstream>
+#include <thread>
 #include <vector>
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <boost/format.hpp>
@@ -309,11 +312,14 @@ struct ContentTransfer::Stream {
 };
 
 // Asks the streams' threads to leave and waits for them, whatever ended the
-// transfer: nothing they use goes away under them.
+// transfer: nothing they use goes away under them; after a stop request the
+// logins on their way end too.
 class ContentTransfer::StreamThreads {
 public:
-    explicit StreamThreads(std::vector<std::unique_ptr<Stream>>& streams) : streams_(streams) {}
+    StreamThreads(std::vector<std::unique_ptr<Stream>>& streams, RetrieveContentAction& action)
+        : streams_(streams), action_(action) {}
     ~StreamThreads() {
+        action_.interruptLogins();
         for (const auto& stream : streams_) stream->stop = true;
         for (const auto& stream : streams_) {
             if (!stream->serving()) continue;
@@ -327,6 +333,7 @@ public:
 
 private:
     std::vector<std::unique_ptr<Stream>>& streams_;
+    RetrieveContentAction& action_;
 };
 
 void ContentTransfer::run(const std::vector<DumpFile>& records) {
@@ -402,7 +409,7 @@ void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
     ContentReceiver receiver(std::move(archives), count, count > 1 ? kRangeSize : 0, action_.cfg->host, events,
                              action_.getSsh()->roundTripMs());
     streams = openStreams(receiver, count);
-    StreamThreads threads(streams);
+    StreamThreads threads(streams, action_);
     while (step(streams, receiver)) {
     }
     {
@@ -498,7 +505,7 @@ void ContentTransfer::serve(Stream& stream) {
 
 void ContentTransfer::startLogin(Stream& stream) {
     const std::chrono::milliseconds limit = stream.tries.connectLimit();
-    stream.login = std::async(std::launch::async, [this, limit] { return action_.connect(limit); });
+    stream.login = std::async(std::launch::async, [this, limit] { return action_.loginAside(limit, nullptr); });
 }
 
 bool ContentTransfer::loggedIn(Stream& stream) {
@@ -741,7 +748,9 @@ void ContentTransfer::removeTheRest() {
                 ChannelLoop({ssh}).run([this] { return !removal_ || removal_->remote().ended(); });
             const bool lost = removal_ && removal_->remote().lost();
             endRemoval();
-            if (lost) throw VELMO_EXC(SshConnectionFault);
+            // A removal cut on its way hands its names back: they go on the
+            // next connection.
+            if (lost || (ssh->lost() && !arrived_.empty())) throw VELMO_EXC(SshConnectionFault);
         });
     } catch (const ExTraceable& e) {
         if (!isConnectionFailure(e)) throw;
@@ -851,7 +860,7 @@ void RetrieveContentAction::startLogins() {
     const std::chrono::milliseconds limit = reconnects().connectLimit();
     for (int i = 1; i < most; ++i)
         logins_.push_back(std::async(std::launch::async, [this, first, limit] {
-            return connect(limit, [first] {
+            return loginAside(limit, [first] {
                 try {
                     first.get();
                 } catch (const std::future_error&) {
@@ -859,6 +868,39 @@ void RetrieveContentAction::startLogins() {
                 }
             });
         }));
+}
+
+RetrieveContentAction::~RetrieveContentAction() { interruptLogins(); }
+
+std::unique_ptr<Ssh> RetrieveContentAction::loginAside(std::chrono::milliseconds limit,
+                                                       const std::function<void()>& beforeLogin) {
+    struct Listed {
+        explicit Listed(RetrieveContentAction& action) : action(action) {
+            std::lock_guard<std::mutex> hold(action.loginsMutex_);
+            action.loggingIn_.push_back(pthread_self());
+        }
+        ~Listed() {
+            std::lock_guard<std::mutex> hold(action.loginsMutex_);
+            auto& threads = action.loggingIn_;
+            threads.erase(std::find_if(threads.begin(), threads.end(),
+                                       [](pthread_t t) { return pthread_equal(t, pthread_self()); }));
+        }
+        RetrieveContentAction& action;
+    } listed(*this);
+    return connect(limit, beforeLogin);
+}
+
+void RetrieveContentAction::interruptLogins() {
+    if (!isProgramTerminated) return;
+    std::promise<void>().swap(firstLogin_);
+    for (int i = 0; i < 60; ++i) {
+        {
+            std::lock_guard<std::mutex> hold(loginsMutex_);
+            if (loggingIn_.empty()) return;
+            for (const pthread_t thread : loggingIn_) pthread_kill(thread, SIGTERM);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
 }
 
 void RetrieveContentAction::execute() {

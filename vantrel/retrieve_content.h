@@ -8,6 +8,7 @@
 #include <ctime>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,7 @@ private:
 class RetrieveContentAction : public Action {
 public:
     RetrieveContentAction() : Action(StatusFile::kept) {}
+    ~RetrieveContentAction() override;
     void execute() override;
     // True when the archive is here already with the listed MD5 sum: in the
     // session directory under the last component of its name, or at its
@@ -55,8 +57,18 @@ private:
     // source host makes the list; the transfer takes those it needs, the
     // others end with the run.
     void startLogins();
+    // A login on a thread of its own, as connect makes it; after a stop
+    // request, interruptLogins cuts its waits short.
+    std::unique_ptr<Ssh> loginAside(std::chrono::milliseconds limit, const std::function<void()>& beforeLogin);
+    // After a stop request: ends the others' logins at the gate and signals
+    // the threads still logging in until they are gone (a few seconds at
+    // most); a stop request reaches one thread only.
+    void interruptLogins();
 
     Directory contentDir_;
+    // In this order: the logins' threads use the list until they are joined.
+    std::mutex loginsMutex_;
+    std::vector<pthread_t> loggingIn_;  // the threads in loginAside
     std::vector<std::future<std::unique_ptr<Ssh>>> logins_;
     std::promise<void> firstLogin_;  // gone unkept, it ends the others' logins
 };

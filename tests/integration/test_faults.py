@@ -295,6 +295,17 @@ class LoginFaultTest(FaultCase):
                 self.assertIn("SSH %s timed out" % step, r.session.log())
                 self.assertNotIn("CONNECT 2", peer.events)   # no second try in compatibility mode
 
+    def test_stop_in_a_stalled_handshake_ends_every_connection(self):
+        # The content streams' other connections stall in their handshakes too: a stop ends them at once.
+        with h.ScriptedServer("silent") as peer:
+            run = self.start("--get-content", port=peer.port, agent_dir="d", sudo=h.PASSWORD)
+            time.sleep(1)
+            started = time.monotonic()
+            run.proc.send_signal(signal.SIGTERM)
+            r = run.finish(60)
+        self.assertEqual((0, b"Migration has been terminated"), (r.code, r.out), r)
+        self.assertLess(time.monotonic() - started, 5)
+
     def test_unusable_time_out_settings_keep_thirty_seconds(self):
         peers = [h.ScriptedServer("silent").start() for _ in range(3)]
         started = time.monotonic()
