@@ -440,6 +440,11 @@ bool Ssh::service() {
                 break;
         }
     }
+    dropEnded();
+    return progress;
+}
+
+void Ssh::dropEnded() {
     // A command out of the table is no longer this connection's to know.
     table_.erase(std::remove_if(table_.begin(), table_.end(),
                                 [](RemoteCommand* c) {
@@ -448,7 +453,6 @@ bool Ssh::service() {
                                     return true;
                                 }),
                  table_.end());
-    return progress;
 }
 
 void Ssh::enter(RemoteCommand& command, RemoteCommand::Phase phase) {

@@ -298,6 +298,8 @@ private:
     // One pass over the table: each command's phases in turn. True when
     // anything moved.
     bool service();
+    // Takes the commands that ended out of the table.
+    void dropEnded();
     bool open(RemoteCommand& command);
     bool startCommand(RemoteCommand& command);
     bool sendInput(RemoteCommand& command);
