@@ -132,6 +132,13 @@ private:
     int stream_;
 };
 
+// The names, each ended by a NUL.
+std::string nulEnded(const std::vector<std::string>& names) {
+    std::string text;
+    for (const std::string& name : names) text += name + '\0';
+    return text;
+}
+
 // Names, each ended by a NUL, as a command's input; with more, the input
 // waits for the rest (end).
 class TextInput : public IOReadChannel {
@@ -670,8 +677,7 @@ bool ContentTransfer::startRemoval(Ssh& ssh, bool more) {
     if (removal_ && !removal_->remote().ended()) return true;
     endRemoval();
     if ((arrived_.empty() && !more) || ssh.lost()) return true;
-    std::string names;
-    for (const std::string& name : arrived_) names += name + '\0';
+    const std::string names = nulEnded(arrived_);
     removing_.swap(arrived_);
     arrived_.clear();
     removalNames_.reset(new TextInput(names, more));
@@ -687,8 +693,7 @@ bool ContentTransfer::startRemoval(Ssh& ssh, bool more) {
 
 void ContentTransfer::lastNames() {
     if (!removal_ || !removalNames_->more()) return;
-    std::string names;
-    for (const std::string& name : arrived_) names += name + '\0';
+    const std::string names = nulEnded(arrived_);
     removalNames_->end(names);
     removing_.insert(removing_.end(), arrived_.begin(), arrived_.end());
     arrived_.clear();
@@ -855,7 +860,8 @@ bool RetrieveContentAction::checkMD5(const DumpFile& file) {
 }
 
 void RetrieveContentAction::startLogins() {
-    const int most = streamsAskedFor(false) > 0 ? streamsAskedFor(false) : kDefaultStreams;
+    const int asked = streamsAskedFor(false);
+    const int most = asked > 0 ? asked : kDefaultStreams;
     const std::shared_future<void> first = firstLogin_.get_future().share();
     const std::chrono::milliseconds limit = reconnects().connectLimit();
     for (int i = 1; i < most; ++i)
