@@ -300,7 +300,16 @@ public:
 };
 
 Ssh::~Ssh() {
-    for (RemoteCommand* command : table_) command->ssh_ = nullptr;
+    // The library frees the channels with the session: the commands still
+    // here let go of theirs first, without waiting for the peer, and end
+    // as lost.
+    if (session_ && !table_.empty()) session_->setBlocking(false);
+    for (RemoteCommand* command : table_) {
+        command->channel_.reset();
+        command->ssh_ = nullptr;
+        command->lost_ = true;
+        command->phase_ = RemoteCommand::Phase::ended;
+    }
     session_.reset();
     socket_.reset();
 }
@@ -322,6 +331,11 @@ RemoteCommand::~RemoteCommand() {
         table.erase(std::remove(table.begin(), table.end(), this), table.end());
         ssh_ = nullptr;
     }
+}
+
+void RemoteCommand::shareLink(int share) {
+    how_.linkShare = share;
+    if (ssh_ != nullptr && window_.most != 0) window_.ceiling = ssh_->session_->windowCeiling(window_.most, share);
 }
 
 namespace {
@@ -413,7 +427,7 @@ bool Ssh::service() {
         }
         switch (command.phase_) {
             case RemoteCommand::Phase::waiting:
-                if (!opening_) progress |= take(&Ssh::open, command);
+                if (!opening_ && !(command.how_.patient && othersWait())) progress |= take(&Ssh::open, command);
                 break;
             case RemoteCommand::Phase::opening:
                 progress |= take(&Ssh::open, command);
@@ -497,6 +511,7 @@ bool Ssh::open(RemoteCommand& command) {
     session_->channelOpened(command.asked_);
     command.channel_.reset(new libssh2pp::Channel(channel));
     libssh2_channel_window_read_ex(channel, nullptr, &command.window_.target);
+    command.window_.most = maxWindow;
     command.window_.ceiling = session_->windowCeiling(maxWindow, command.how_.linkShare);
     command.window_.mark = std::chrono::steady_clock::now();
     command.input_.resize(kChunkSize);
@@ -626,6 +641,12 @@ bool Ssh::receive(RemoteCommand& command) {
         return true;
     }
     return progress;
+}
+
+bool Ssh::othersWait() const {
+    return std::any_of(table_.begin(), table_.end(), [](const RemoteCommand* command) {
+        return command->phase_ == RemoteCommand::Phase::waiting && !command->how_.patient;
+    });
 }
 
 bool Ssh::growWindow(RemoteCommand& command) {

@@ -159,6 +159,7 @@ struct ExecOptions {
     bool logInput = true;   // its input chunks go to the debug log
     Counter* counter;       // counts its standard output
     int linkShare = 1;      // commands on several connections that share the link: each window takes its part
+    bool patient = false;   // its channel opens after those of the others waiting (one opens at a time)
 };
 
 // One command on a channel of a connection, in the loop's table from
@@ -177,6 +178,13 @@ public:
 
     // It exited, or its connection went away first (lost).
     bool ended() const { return phase_ == Phase::ended; }
+    // The source host runs it (or it ended).
+    bool started() const { return phase_ >= Phase::running; }
+    // It has not ended, and its connection is still there.
+    bool onConnection() const { return ssh_ != nullptr && phase_ != Phase::ended; }
+    // Its window takes its part of a link that commands on share connections
+    // use.
+    void shareLink(int share);
     bool lost() const { return lost_; }
     // The exit status; a command killed by a signal counts as 255.
     int status() const { return status_; }
@@ -215,6 +223,7 @@ private:
         void arrived(std::size_t bytes, double roundTripMs);
         unsigned long target = 0;   // what it is to hold
         unsigned long ceiling = 0;  // what it may grow to
+        unsigned most = 0;          // the ceiling of a channel that has the link to itself
         std::size_t since = 0;      // bytes since mark
         std::chrono::steady_clock::time_point mark;
         unsigned long due = 0;      // an adjustment not sent whole yet
@@ -301,6 +310,8 @@ private:
     // Takes the commands that ended out of the table.
     void dropEnded();
     bool open(RemoteCommand& command);
+    // Whether a command that is in a hurry waits to open.
+    bool othersWait() const;
     bool startCommand(RemoteCommand& command);
     bool sendInput(RemoteCommand& command);
     bool sendEof(RemoteCommand& command);

@@ -233,6 +233,7 @@ ActionCommand::ActionCommand(Action& action, const CommandOptions& how, const st
     options.logOutput = how.logOutput;
     options.logInput = how.logInput;
     options.linkShare = how.linkShare;
+    options.patient = how.patient;
     remote_.reset(new RemoteCommand(commandLine({"sh", "-c", line}), *input_, out, *tail_, options));
 }
 

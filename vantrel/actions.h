@@ -49,6 +49,12 @@ struct CommandOptions {
         linkShare = commands;
         return *this;
     }
+    // Its channel opens after those of the commands that wait with it: it
+    // has nothing to do yet.
+    CommandOptions& inNoHurry() {
+        patient = true;
+        return *this;
+    }
 
     std::string dir;  // where it runs; the login's home when empty
     bool root = false;
@@ -56,6 +62,7 @@ struct CommandOptions {
     bool logInput = true;
     bool guarded = false;
     int linkShare = 1;
+    bool patient = false;
 };
 
 // What a command left behind.

