@@ -180,8 +180,6 @@ public:
     bool ended() const { return phase_ == Phase::ended; }
     // The source host runs it (or it ended).
     bool started() const { return phase_ >= Phase::running; }
-    // It has not ended, and its connection is still there.
-    bool onConnection() const { return ssh_ != nullptr && phase_ != Phase::ended; }
     // Its window takes its part of a link that commands on share connections
     // use.
     void shareLink(int share);

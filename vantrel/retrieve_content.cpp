@@ -236,7 +236,7 @@ private:
     // Starts, ends and services what the streams and the removal need, until
     // a stream or the status needs the next step; false once everything
     // arrived.
-    bool step(std::vector<std::unique_ptr<Stream>>& streams, ContentReceiver& receiver);
+    bool step(ContentReceiver& receiver);
     // The first count streams take their part of the transfer; the others
     // end.
     void openStreams(ContentReceiver* receiver, std::size_t count);
@@ -281,7 +281,7 @@ private:
     // removal is on its way.
     bool lastRemovalDue(const Stream& first, const ContentReceiver& receiver) const;
     // The senders see the end of their input and leave.
-    void endSenders(std::vector<std::unique_ptr<Stream>>& streams);
+    void endSenders();
     void saveStatus(const ContentReceiver& receiver);
     // An archive here, proven, that is to be removed on the source host.
     void arrive(const std::string& name, const Directory& dir, const std::string& leaf);
@@ -401,7 +401,7 @@ void ContentTransfer::firstConnected() {
     if (!gateOpen_) action_.firstLogin_.set_value();
     gateOpen_ = true;
     Stream& first = *streams_.front();
-    if (first.ssh == ssh && first.sender && first.sender->remote().onConnection()) return;
+    if (first.ssh == ssh && first.sender && !first.sender->remote().ended()) return;
     first.sender.reset();
     first.ssh = ssh;
     first.everConnected = true;
@@ -465,14 +465,13 @@ std::vector<ContentReceiver::Archive> ContentTransfer::plan(const std::vector<Du
 void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
     const int count = std::min<int>(streamsFor(toFetch_), static_cast<int>(streams_.size()));
     streamCount_ = count;
-    std::vector<std::unique_ptr<Stream>>& streams = streams_;
     // The status is saved as an archive starts and as it arrives, the
     // terminal's line as bytes come.
     ContentReceiver::Events events;
     events.started = [this](std::size_t) { statusDue_ = true; };
-    events.received = [this, &streams](int s, int64_t bytes) {
-        streams[s]->tries.progressed();
-        streams[s]->loss.reset();
+    events.received = [this](int s, int64_t bytes) {
+        streams_[s]->tries.progressed();
+        streams_[s]->loss.reset();
         (*updater_)(static_cast<int>(bytes));
         fetchedBytes_ += bytes;
         progress_.update(fetched_[shown_]->name, fetchedBytes_, toFetch_);
@@ -484,59 +483,59 @@ void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
     };
     ContentReceiver receiver(std::move(archives), count, count > 1 ? kRangeSize : 0, action_.cfg->host, events,
                              action_.getSsh()->roundTripMs());
-    StreamThreads threads(streams, action_);
+    StreamThreads threads(streams_, action_);
     openStreams(&receiver, count);
-    while (step(streams, receiver)) {
+    while (step(receiver)) {
     }
     {
         std::lock_guard<std::mutex> hold(mutex_);
         saveStatus(receiver);
         // What arrived last is removed while the senders leave.
         lastNames();
-        if (streams.front()->ssh) startRemoval(*streams.front()->ssh);
+        if (streams_.front()->ssh) startRemoval(*streams_.front()->ssh);
     }
-    endSenders(streams);
+    endSenders();
     removalTask_.reset();
 }
 
-bool ContentTransfer::step(std::vector<std::unique_ptr<Stream>>& streams, ContentReceiver& receiver) {
+bool ContentTransfer::step(ContentReceiver& receiver) {
     checkProgramTerminated();
     bool waiting = false;
     closeSpare();
     {
         std::lock_guard<std::mutex> hold(mutex_);
         if (receiver.finished()) return false;
-        for (const auto& stream : streams) keepSending(*stream, receiver);
-        keepRemoving(*streams.front(), receiver);
+        for (const auto& stream : streams_) keepSending(*stream, receiver);
+        keepRemoving(*streams_.front(), receiver);
         if (statusDue_) {
             statusDue_ = false;
             shown_ = receiver.current();
             saveStatus(receiver);
         }
-        for (const auto& stream : streams) waiting |= (!stream->unused && !stream->ssh) || stream->serving();
+        for (const auto& stream : streams_) waiting |= (!stream->unused && !stream->ssh) || stream->serving();
     }
     // The first connection is serviced until a stream needs a step of this
     // loop; streams that wait to connect wait meanwhile.
     const auto due = [&] {
         std::lock_guard<std::mutex> hold(mutex_);
-        return receiver.finished() || statusDue_ || anyStreamDue(streams, receiver) ||
-               lastRemovalDue(*streams.front(), receiver);
+        return receiver.finished() || statusDue_ || anyStreamDue(streams_, receiver) ||
+               lastRemovalDue(*streams_.front(), receiver);
     };
-    ChannelLoop(connected(*streams.front())).run(due, waiting ? 20 : 5000);
+    ChannelLoop(connected(*streams_.front())).run(due, waiting ? 20 : 5000);
     // Nothing left to service: the next login or try is waited for.
     if (!due()) {
         std::unique_lock<std::mutex> hold(mutex_);
         const bool work = receiver.anythingToAsk();
         hold.unlock();
-        waitForFirst(streams, work);
+        waitForFirst(streams_, work);
     }
     return true;
 }
 
-void ContentTransfer::endSenders(std::vector<std::unique_ptr<Stream>>& streams) {
-    Stream& first = *streams.front();
+void ContentTransfer::endSenders() {
+    Stream& first = *streams_.front();
     ChannelLoop(connected(first)).run([&first] { return !first.sender || first.sender->remote().ended(); });
-    for (const auto& stream : streams)
+    for (const auto& stream : streams_)
         if (stream->serving()) stream->thread.get();
 }
 
@@ -965,8 +964,6 @@ bool RetrieveContentAction::checkMD5(const DumpFile& file) {
     return !(dir.isOpen() && dir.sameAs(theSession->directory()) && leaf == file.name) &&
            md5OfFile(dir, leaf) == file.md5sum;
 }
-
-RetrieveContentAction::~RetrieveContentAction() { interruptLogins(); }
 
 std::unique_ptr<Ssh> RetrieveContentAction::loginAside(std::chrono::milliseconds limit,
                                                        const std::function<void()>& beforeLogin) {

@@ -41,7 +41,6 @@ private:
 class RetrieveContentAction : public Action {
 public:
     RetrieveContentAction() : Action(StatusFile::kept) {}
-    ~RetrieveContentAction() override;
     void execute() override;
     // True when the archive is here already with the listed MD5 sum: in the
     // session directory under the last component of its name, or at its
