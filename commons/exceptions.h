@@ -239,6 +239,9 @@ extern const ExTag CantWriteRemoteFile;
 extern const ExTag UnsafeContentFileName;
 // A link where vantrel, as root, expected a file or a directory of its own.
 extern const ExTag LinkNotFollowed;
+// sudo on the source host runs only on a terminal, and the command could
+// not run on one (what stood in the way follows).
+extern const ExTag SudoNeedsTerminal;
 // A private key file that cannot be used for the login (its exit code is
 // that of refused credentials).
 extern const ExTag SshKeyUnusable;

@@ -1,6 +1,7 @@
 #include "commons/ssh-transfer.h"
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstdint>
 #include <cerrno>
@@ -123,6 +124,12 @@ int IOStreamReadChannel::read(char* buffer, unsigned size) {
         return 0;
     in_.read(buffer, size);
     return static_cast<int>(in_.gcount());
+}
+
+bool IOStreamReadChannel::rewind() {
+    in_.clear();
+    in_.seekg(0);
+    return !in_.fail();
 }
 
 int IOStreamWriteChannel::write(const char* data, unsigned size) {
@@ -318,7 +325,8 @@ Ssh::~Ssh() {
 
 RemoteCommand::RemoteCommand(std::string line, IOReadChannel& in, IOWriteChannel& out, IOWriteChannel& err,
                              const ExecOptions& how)
-    : line_(std::move(line)), in_(in), out_(out), err_(err), how_(how), log_(new CommandLog()) {}
+    : line_(std::move(line)), in_(in), out_(out), err_(err), how_(how), log_(new CommandLog()),
+      noise_(how.marker.empty() ? nullptr : new ShellNoise(how.marker)) {}
 
 RemoteCommand::~RemoteCommand() {
     if (ssh_ == nullptr) return;
@@ -519,7 +527,27 @@ bool Ssh::open(RemoteCommand& command) {
     return true;
 }
 
+// A terminal's modes, as the protocol encodes them: no echo (ECHO, 53, is 0),
+// so that nothing typed comes back; then the end of the list.
+static const char kTerminalModes[] = {53, 0, 0, 0, 0, 0};
+
 bool Ssh::startCommand(RemoteCommand& command) {
+    if (command.how_.terminal && !command.terminalGiven_) {
+        const int rc = libssh2_channel_request_pty_ex(rawChannel(command.channel_), "dumb", 4, kTerminalModes,
+                                                      sizeof kTerminalModes, 80, 24, 0, 0);
+        if (rc == LIBSSH2_ERROR_EAGAIN) return false;
+        if (isSocketError(rc)) {
+            loseConnection();
+            return true;
+        }
+        if (rc != 0) {
+            logger.errorStream() << "The source host refused a terminal: " << session_->lastError();
+            command.lost_ = true;
+            end(command);
+            return true;
+        }
+        command.terminalGiven_ = true;
+    }
     const int rc = libssh2_channel_process_startup(rawChannel(command.channel_), "exec", 4, command.line_.c_str(),
                                                    static_cast<unsigned>(command.line_.size()));
     if (rc == LIBSSH2_ERROR_EAGAIN) {
@@ -590,6 +618,25 @@ bool Ssh::sendEof(RemoteCommand& command) {
     return true;
 }
 
+// Once a run: the account's start-up files print on every command, and one
+// warning says so.
+static void reportNoise(const ShellNoise& noise) {
+    static std::atomic<bool> told(false);
+    if (noise.dropped() == 0 || told.exchange(true)) return;
+    std::string start;
+    for (const unsigned char c : noise.start()) {
+        static const char digits[] = "0123456789abcdef";
+        if (c >= 0x20 && c < 0x7f)
+            start += static_cast<char>(c);
+        else
+            start += std::string("\\x") + digits[c >> 4] + digits[c & 15];
+    }
+    logger.warnStream() << "The login shell of the source host printed " << noise.dropped()
+                        << " bytes before a command's own output; they are dropped (the account's start-up files, "
+                           ".bashrc or .cshrc say, print on every command). They began: '"
+                        << maskSecrets(start) << "'";
+}
+
 bool Ssh::receive(RemoteCommand& command) {
     static thread_local std::vector<char> buffer(kChunkSize);
     LIBSSH2_CHANNEL* channel = rawChannel(command.channel_);
@@ -611,8 +658,18 @@ bool Ssh::receive(RemoteCommand& command) {
             RateLimit::spend(static_cast<std::size_t>(n));
             command.window_.arrived(static_cast<std::size_t>(n), session_->roundTripMs());
             if (command.how_.logOutput) command.log_->output[stream].add(buffer.data(), static_cast<std::size_t>(n));
-            if (stream == 0) (*command.how_.counter)(static_cast<int>(n));
-            pump_write(stream == 0 ? command.out_ : command.err_, buffer.data(), static_cast<int>(n));
+            const char* data = buffer.data();
+            std::size_t length = static_cast<std::size_t>(n);
+            if (stream == 0 && command.noise_ && !command.noise_->passed()) {
+                const std::size_t noise = command.noise_->skip(data, length);
+                data += noise;
+                length -= noise;
+                if (command.noise_->passed()) reportNoise(*command.noise_);
+            }
+            if (length > 0) {
+                if (stream == 0) (*command.how_.counter)(static_cast<int>(length));
+                pump_write(stream == 0 ? command.out_ : command.err_, data, static_cast<int>(length));
+            }
             if (session_->sendPending()) return true;  // a window adjustment half sent
         }
         if (session_->sendPending()) return true;
@@ -894,14 +951,27 @@ ExecOptions fileContent() {
     how.logOutput = how.logInput = false;
     return how;
 }
+
+int readRemote(Ssh& ssh, const std::string& remotePath, IOWriteChannel& out) {
+    const FileRead read = fileRead(remotePath);
+    EmptyInput none;
+    BoundedText errors;
+    return ssh.exec(read.line, none, out, errors, read.how);
+}
 }  // namespace
+
+FileRead fileRead(const std::string& remotePath) {
+    FileRead read;
+    read.how = fileContent();
+    read.how.marker = newCommandMarker();
+    read.line = "sh -c " + sh_quote("echo " + read.how.marker + " && exec cat -- \"$0\"") + " " + sh_quote(remotePath);
+    return read;
+}
 
 int Ssh::get(std::ostream& out, const std::string& remotePath) {
     logger.debugStream() << "Reading data from the remote file " << remotePath;
-    EmptyInput none;
     IOStreamWriteChannel output(out);
-    BoundedText errors;
-    return exec("cat " + sh_quote(remotePath), none, output, errors, fileContent());
+    return readRemote(*this, remotePath, output);
 }
 
 int Ssh::get(const std::string& localPath, const std::string& remotePath) {
@@ -912,9 +982,7 @@ int Ssh::get(const std::string& localPath, const std::string& remotePath) {
     // fails leaves what stood there before.
     NewFile file(dir, name, 0640);
     NewFileWriter output(file);
-    EmptyInput none;
-    BoundedText errors;
-    const int status = exec("cat " + sh_quote(remotePath), none, output, errors, fileContent());
+    const int status = readRemote(*this, remotePath, output);
     if (status == 0) file.commit();
     return status;
 }

@@ -19,6 +19,7 @@
 
 #include "commons/libssh2pp.h"
 #include "commons/local_files.h"
+#include "commons/shell_noise.h"
 #include "commons/socket.h"
 
 namespace velmo {
@@ -45,6 +46,9 @@ public:
     static const int later = -2;
     virtual ~IOReadChannel();
     virtual int read(char* buffer, unsigned size) = 0;
+    // Starts again from the first byte, for a command that runs once more;
+    // false when this source cannot.
+    virtual bool rewind() { return false; }
 };
 
 // Sink of bytes: returns how many it accepted, or a negative error.
@@ -59,6 +63,7 @@ class IOStreamReadChannel : public IOReadChannel {
 public:
     explicit IOStreamReadChannel(std::istream& in) : in_(in) {}
     int read(char* buffer, unsigned size) override;
+    bool rewind() override;
 
 private:
     std::istream& in_;
@@ -115,6 +120,7 @@ std::ostream& operator<<(std::ostream& out, const memchunk_log& chunk);
 class EmptyInput : public IOReadChannel {
 public:
     int read(char*, unsigned) override { return 0; }
+    bool rewind() override { return true; }
 };
 
 // Writes the whole chunk, calling to again for what it did not take; checks
@@ -160,6 +166,13 @@ struct ExecOptions {
     Counter* counter;       // counts its standard output
     int linkShare = 1;      // commands on several connections that share the link: each window takes its part
     bool patient = false;   // its channel opens after those of the others waiting (one opens at a time)
+    // When given, the command line prints it on a line of its own right
+    // before the command runs: standard output up to that line is the login
+    // shell's (see ShellNoise), and is dropped.
+    std::string marker;
+    // It runs on a terminal (its echo off): standard error comes with the
+    // output, and the end of input would hang it up.
+    bool terminal = false;
 };
 
 // One command on a channel of a connection, in the loop's table from
@@ -180,6 +193,8 @@ public:
     bool ended() const { return phase_ == Phase::ended; }
     // The source host runs it (or it ended).
     bool started() const { return phase_ >= Phase::running; }
+    // Its output began: the marker came (when it has one).
+    bool begun() const { return noise_ ? noise_->passed() : started(); }
     // Its window takes its part of a link that commands on share connections
     // use.
     void shareLink(int share);
@@ -207,6 +222,7 @@ private:
     bool inputEnded_ = false;
     bool eofSent_ = false;
     bool requested_ = false;  // the request to run it went out
+    bool terminalGiven_ = false;
     bool closedWithoutEof_ = false;
     std::chrono::steady_clock::time_point asked_;
     std::chrono::steady_clock::time_point since_;  // of its phase
@@ -214,6 +230,7 @@ private:
     int status_ = -1;
     bool lost_ = false;
     std::unique_ptr<class CommandLog> log_;
+    std::unique_ptr<ShellNoise> noise_;
     // The channel's receive window, grown with what the link carries.
     struct Window {
         // Once a round trip the target may grow to twice what arrived in the
@@ -353,6 +370,14 @@ private:
     std::chrono::milliseconds periodicInterval_{0};
     std::chrono::steady_clock::time_point periodicDue_;
 };
+
+// A command that reads a remote file whole: its line, and how it runs (its
+// output past a marker of its own, kept out of the debug log).
+struct FileRead {
+    std::string line;
+    ExecOptions how;
+};
+FileRead fileRead(const std::string& remotePath);
 
 // A connection's periodic task for as long as this lives.
 class PeriodicTask {

@@ -23,86 +23,7 @@ namespace {
 
 log4cpp::Category& actionLog = log4cpp::Category::getInstance("p.Action");
 
-// What the sudo part of a privileged line prints last, and its status, when
-// sudo cannot be used: no sudo command, or the password refused.
-const char* const kNoSudoMark = "vantrel: sudo not found";
-const char* const kSudoRefusedMark = "vantrel: sudo refused";
-const int kNoSudoStatus = 250;
-const int kSudoRefusedStatus = 251;
-
-// The password line for sudo, then the command's own input.
-class PasswordFirst : public IOReadChannel {
-public:
-    PasswordFirst(const std::string& password, IOReadChannel& rest) : line_(password + "\n"), rest_(rest) {}
-    int read(char* buffer, unsigned size) override {
-        if (sent_ < line_.size()) {
-            const std::size_t n = std::min<std::size_t>(size, line_.size() - sent_);
-            std::memcpy(buffer, line_.data() + sent_, n);
-            sent_ += n;
-            return static_cast<int>(n);
-        }
-        return rest_.read(buffer, size);
-    }
-
-private:
-    std::string line_;
-    std::size_t sent_ = 0;
-    IOReadChannel& rest_;
-};
-
-// The command's own input as it is.
-class SameInput : public IOReadChannel {
-public:
-    explicit SameInput(IOReadChannel& in) : in_(in) {}
-    int read(char* buffer, unsigned size) override { return in_.read(buffer, size); }
-
-private:
-    IOReadChannel& in_;
-};
-
-// Runs its arguments as a command under remote/watchdog.pl where the source
-// host has perl, as they are where it has none.
-std::string endingWithRun(const std::string& command) {
-    std::vector<std::string> words = perlRunning(remote::watchdog);
-    words.insert(words.begin(), {"sh", "-c", "command -v perl >/dev/null 2>&1 && exec \"$0\" \"$@\"; shift 4; exec \"$@\""});
-    return commandLine(words) + " " + command;
-}
-
 }  // namespace
-
-// Passes standard error on and keeps its last bytes, where the sudo part of
-// a privileged line leaves its verdict.
-class TailKeeper : public IOWriteChannel {
-public:
-    explicit TailKeeper(IOWriteChannel& to) : to_(to) {}
-    int write(const char* data, unsigned size) override {
-        const int n = to_.write(data, size);
-        if (n > 0) {
-            tail_.append(data, static_cast<std::size_t>(n));
-            if (tail_.size() > 256) tail_.erase(0, tail_.size() - 256);
-        }
-        return n;
-    }
-    bool endsWith(const std::string& line) const {
-        const std::string mark = line + "\n";
-        return tail_.size() >= mark.size() && tail_.compare(tail_.size() - mark.size(), mark.size(), mark) == 0;
-    }
-    const std::string& tail() const { return tail_; }
-
-private:
-    IOWriteChannel& to_;
-    std::string tail_;
-};
-
-std::string commandLine(const std::vector<std::string>& words) {
-    std::string line;
-    for (const std::string& word : words) {
-        if (!line.empty()) line += ' ';
-        // An empty word must stay a word.
-        line += word.empty() ? std::string("''") : sh_quote(word);
-    }
-    return line;
-}
 
 void writeNameFile(const std::string& name, const std::string& text) {
     NewFile file(theSession->directory(), name);
@@ -137,6 +58,10 @@ Action::~Action() {
 
 void Action::setConfig(const config* c) {
     cfg = c;
+    commands_.host = cfg->host;
+    commands_.login = cfg->login;
+    commands_.useSudo = cfg->useSudo;
+    commands_.sudoPassword = cfg->sudoPassword;
     RateLimit::set(cfg->bandwidthLimit);
 }
 
@@ -201,72 +126,28 @@ const std::string& Action::agentDir() {
     return agentDir_;
 }
 
-ActionCommand::ActionCommand(Action& action, const CommandOptions& how, const std::string& command,
-                             IOReadChannel& in, IOWriteChannel& out)
-    : action_(action), root_(how.root && action.cfg->useSudo), tail_(new TailKeeper(errors_)) {
-    // Every command runs in a fresh sh; it does not run at all when the
-    // directory cannot be entered.
-    std::string line = (how.dir.empty() ? std::string("cd") : "cd " + sh_quote(how.dir)) + " || exit 1; ";
-    const std::string guarded = how.guarded ? endingWithRun(command) : command;
-    if (!root_) {
-        line += guarded;
-        input_.reset(new SameInput(in));
-    } else {
-        // One exchange does it all: see that sudo exists, check the password
-        // once (the pipe ends after one line, so a wrong password is one
-        // failed attempt and never a wait), then run the command on the
-        // credentials sudo has just cached, or, where it caches none, with
-        // the password once more. The password is the first line of the
-        // input; the command gets the rest.
-        line += "sudo -V >/dev/null 2>&1 || { echo '" + std::string(kNoSudoMark) + "' >&2; exit " +
-                std::to_string(kNoSudoStatus) +
-                "; }; "
-                "IFS= read -r p; "
-                "printf '%s\\n' \"$p\" | sudo -S -k -p ' ' -v || { echo '" +
-                kSudoRefusedMark + "' >&2; exit " + std::to_string(kSudoRefusedStatus) +
-                "; }; "
-                "if sudo -n true 2>/dev/null; then sudo -n " +
-                guarded + "; else { printf '%s\\n' \"$p\"; exec cat; } | sudo -S -k -p ' ' " + guarded + "; fi";
-        input_.reset(new PasswordFirst(action.cfg->sudoPassword, in));
-    }
-    ExecOptions options;
-    options.logOutput = how.logOutput;
-    options.logInput = how.logInput;
-    options.linkShare = how.linkShare;
-    options.patient = how.patient;
-    remote_.reset(new RemoteCommand(commandLine({"sh", "-c", line}), *input_, out, *tail_, options));
-}
-
-ActionCommand::~ActionCommand() = default;
-
-CommandResult ActionCommand::result() {
-    if (remote_->lost()) throw VELMO_EXC(SshConnectionFault);
-    CommandResult result;
-    result.status = remote_->status();
-    if (root_ && result.status == kNoSudoStatus && tail_->endsWith(kNoSudoMark))
-        throw VELMO_EXC(SudoNotFound) % action_.cfg->host;
-    if (root_ && result.status == kSudoRefusedStatus && tail_->endsWith(kSudoRefusedMark)) {
-        debugLog("sudo refused the password: " + maskSecrets(tail_->tail()));
-        throw VELMO_EXC(SudoNotAllowed) % action_.cfg->login % action_.cfg->host;
-    }
-    result.errors = errors_.str();
-    return result;
-}
-
 CommandResult Action::run(const CommandOptions& how, const std::string& command, IOReadChannel& in,
                           IOWriteChannel& out) {
-    ActionCommand remote(*this, how, command, in, out);
-    Ssh* ssh = getSsh();
-    ssh->start(remote.remote());
-    try {
-        ChannelLoop({ssh}).run([&remote] { return remote.remote().ended(); });
-    } catch (const ExTraceable&) {
-        // A stop request cuts the library's waits short: what fails then
-        // fails because of the stop.
-        checkProgramTerminated();
-        throw;
+    const bool onTerminal = commands_.sudoWantsTerminal;
+    for (;;) {
+        ActionCommand remote(commands_, how, command, in, out);
+        Ssh* ssh = getSsh();
+        remote.start(*ssh);
+        try {
+            ChannelLoop({ssh}).run([&remote] { return remote.ended(); });
+            return remote.result();
+        } catch (const Exc<&SudoNeedsTerminal>&) {
+            // Nothing ran: sudo refused before the command's turn.
+            if (onTerminal || !commands_.sudoWantsTerminal) throw;
+            if (!in.rewind())
+                throw VELMO_EXC(SudoNeedsTerminal) % cfg->host % "the command's input cannot be sent once more";
+        } catch (const ExTraceable&) {
+            // A stop request cuts the library's waits short: what fails then
+            // fails because of the stop.
+            checkProgramTerminated();
+            throw;
+        }
     }
-    return remote.result();
 }
 
 CommandResult Action::run(const CommandOptions& how, const std::string& command, const std::string& input) {
@@ -348,9 +229,9 @@ void RetrieveDumpAction::execute() {
 // One copy of the agent's dumping status into the session: a command of its
 // own beside the agent's, whose file takes its name when the copy is whole.
 struct RetrieveDumpAction::StatusCopy {
-    StatusCopy(const std::string& remote)
+    explicit StatusCopy(const FileRead& read)
         : file(theSession->directory(), files::getRemoteDumpingStatusFileName()), output(file),
-          command("cat " + sh_quote(remote), none, output, errors) {
+          command(read.line, none, output, errors, read.how) {
         command.onEnd = [this](RemoteCommand& copy) {
             if (!copy.lost() && copy.status() == 0) file.commitQuietly();
         };
@@ -369,7 +250,7 @@ bool RetrieveDumpAction::refreshDumpingStatus() {
         // A copy still on its way is left to finish.
         if (copy_ && !copy_->command.ended()) return true;
         copy_.reset();
-        copy_.reset(new StatusCopy(agentDir() + "/" + files::getRemoteDumpingStatusFileName()));
+        copy_.reset(new StatusCopy(fileRead(agentDir() + "/" + files::getRemoteDumpingStatusFileName())));
         getSsh()->start(copy_->command);
         return true;
     } catch (const ExTraceable& e) {

@@ -15,89 +15,11 @@
 #include "commons/formats.h"
 #include "commons/log.h"
 #include "commons/ssh-transfer.h"
+#include "vantrel/action_command.h"
 #include "vantrel/reconnects.h"
 #include "vantrel/options.h"
 
 namespace velmo {
-
-// How a command runs on the source host.
-struct CommandOptions {
-    explicit CommandOptions(std::string dir = std::string()) : dir(std::move(dir)) {}
-    // As root, through sudo when --sudo-password is given.
-    CommandOptions& asRoot() {
-        root = true;
-        return *this;
-    }
-    // Its output, or its input, stays out of the debug log (file content).
-    CommandOptions& quietOutput() {
-        logOutput = false;
-        return *this;
-    }
-    CommandOptions& quietInput() {
-        logInput = false;
-        return *this;
-    }
-    // It ends, with everything it started, when its channel goes away
-    // (remote/watchdog.pl): a command that may wait for ever does not outlive
-    // the run.
-    CommandOptions& endingWithRun() {
-        guarded = true;
-        return *this;
-    }
-    // It is one of commands that take the link's bandwidth together.
-    CommandOptions& sharingLinkWith(int commands) {
-        linkShare = commands;
-        return *this;
-    }
-    // Its channel opens after those of the commands that wait with it: it
-    // has nothing to do yet.
-    CommandOptions& inNoHurry() {
-        patient = true;
-        return *this;
-    }
-
-    std::string dir;  // where it runs; the login's home when empty
-    bool root = false;
-    bool logOutput = true;
-    bool logInput = true;
-    bool guarded = false;
-    int linkShare = 1;
-    bool patient = false;
-};
-
-// What a command left behind.
-struct CommandResult {
-    int status = 0;
-    std::string output;  // its standard output, unless the caller took it
-    std::string errors;  // its standard error: the start and the end of it when it said much
-};
-
-class Action;
-class TailKeeper;
-
-// A command of an action, ready to start on a connection: the line built as
-// how says (a fresh sh in its directory, through sudo as root, under the
-// watchdog), its input (behind the sudo password), and what it leaves.
-class ActionCommand {
-public:
-    ActionCommand(Action& action, const CommandOptions& how, const std::string& command, IOReadChannel& in,
-                  IOWriteChannel& out);
-    ~ActionCommand();
-
-    RemoteCommand& remote() { return *remote_; }
-    // Once it ended: what it left. sudo missing on the source host gives
-    // Exc<&SudoNotFound>, a refused password Exc<&SudoNotAllowed>, a lost
-    // connection Exc<&SshConnectionFault>.
-    CommandResult result();
-
-private:
-    Action& action_;
-    bool root_;
-    std::unique_ptr<IOReadChannel> input_;
-    BoundedText errors_;
-    std::unique_ptr<TailKeeper> tail_;
-    std::unique_ptr<RemoteCommand> remote_;
-};
 
 // Whether an action keeps the migration status file up to date.
 enum class StatusFile { kept, none };
@@ -139,6 +61,9 @@ public:
                  bool quietOutput, bool quietInput);
     int execRoot(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput);
 
+    // What the commands of this action need to know of the run.
+    CommandContext& commandContext() { return commands_; }
+
     // Makes the login the owner of a file root created on the remote host.
     void takeFile(const std::string& remotePath);
 
@@ -146,7 +71,8 @@ public:
     // and out taking its standard output. A directory that cannot be entered
     // ends the line with status 1 before the command runs. As root, a host
     // without sudo gives Exc<&SudoNotFound>, a refused password
-    // Exc<&SudoNotAllowed>.
+    // Exc<&SudoNotAllowed>; where sudo wants a terminal, the command runs
+    // once more on one (when its input can be read again).
     CommandResult run(const CommandOptions& how, const std::string& command, IOReadChannel& in, IOWriteChannel& out);
     // The same with input given as text (none by default) and the output
     // kept in the result, the start and the end of it beyond 64 MiB.
@@ -159,7 +85,7 @@ protected:
     std::unique_ptr<MigrationStatus> status;
 
 private:
-    friend class ActionCommand;
+    CommandContext commands_;
     Reconnects reconnects_;
     bool connected_ = false;
     bool lost_ = false;  // the connection went away; the next one is made again
@@ -220,9 +146,6 @@ public:
 // Writes text with no line end into the session file name (kvaadm's);
 // throws FileWrite.
 void writeNameFile(const std::string& name, const std::string& text);
-
-// A command line made of words quoted for the remote shell.
-std::string commandLine(const std::vector<std::string>& words);
 
 }  // namespace velmo
 

@@ -15,6 +15,7 @@ extern const char content_sender[];
 extern const char agent_unpacker[];
 extern const char archive_remover[];
 extern const char watchdog[];
+extern const char stream_relay[];
 
 }  // namespace remote
 

@@ -401,7 +401,7 @@ void ContentTransfer::firstConnected() {
     if (!gateOpen_) action_.firstLogin_.set_value();
     gateOpen_ = true;
     Stream& first = *streams_.front();
-    if (first.ssh == ssh && first.sender && !first.sender->remote().ended()) return;
+    if (first.ssh == ssh && first.sender && !first.sender->ended()) return;
     first.sender.reset();
     first.ssh = ssh;
     first.everConnected = true;
@@ -534,7 +534,7 @@ bool ContentTransfer::step(ContentReceiver& receiver) {
 
 void ContentTransfer::endSenders() {
     Stream& first = *streams_.front();
-    ChannelLoop(connected(first)).run([&first] { return !first.sender || first.sender->remote().ended(); });
+    ChannelLoop(connected(first)).run([&first] { return !first.sender || first.sender->ended(); });
     for (const auto& stream : streams_)
         if (stream->serving()) stream->thread.get();
 }
@@ -555,7 +555,7 @@ bool ContentTransfer::anyStreamDue(const std::vector<std::unique_ptr<Stream>>& s
         } else if (!stream->ssh) {
             // Connected again only for work.
             if (now >= stream->retryAt && receiver.anythingToAsk()) return true;
-        } else if (stream->sender ? stream->sender->remote().ended()
+        } else if (stream->sender ? stream->sender->ended()
                                   : receiver.waiting(stream->index) || receiver.anythingToAsk()) {
             return true;
         }
@@ -576,7 +576,7 @@ void ContentTransfer::waitForFirst(const std::vector<std::unique_ptr<Stream>>& s
 
 void ContentTransfer::serve(Stream& stream) {
     // Answers wake it; the wait is bounded so that it sees a request to leave.
-    ChannelLoop({stream.ssh}).run([&stream] { return stream.stop || stream.sender->remote().ended(); }, 100);
+    ChannelLoop({stream.ssh}).run([&stream] { return stream.stop || stream.sender->ended(); }, 100);
 }
 
 void ContentTransfer::startLogin(Stream& stream, bool early) {
@@ -599,7 +599,7 @@ void ContentTransfer::startLogin(Stream& stream, bool early) {
             // The sender is ready when the list is: its channel is opened
             // and its command started here.
             startSender(stream, *ssh, share);
-            RemoteCommand& sender = stream.sender->remote();
+            const ActionCommand& sender = *stream.sender;
             ChannelLoop({ssh.get()}).run([&sender] { return sender.started(); }, 100);
         }
         return ssh;
@@ -609,9 +609,9 @@ void ContentTransfer::startLogin(Stream& stream, bool early) {
 void ContentTransfer::startSender(Stream& stream, Ssh& ssh, int share) {
     const CommandOptions how =
         CommandOptions(action_.agentDir()).quietOutput().quietInput().sharingLinkWith(share).inNoHurry();
-    stream.sender.reset(new ActionCommand(action_, how, commandLine(perlRunning(remote::content_sender)),
+    stream.sender.reset(new ActionCommand(action_.commandContext(), how, commandLine(perlRunning(remote::content_sender)),
                                           stream.input, stream.output));
-    ssh.start(stream.sender->remote());
+    stream.sender->start(ssh);
 }
 
 bool ContentTransfer::loggedIn(Stream& stream) {
@@ -668,7 +668,7 @@ void ContentTransfer::openStreams(ContentReceiver* receiver, std::size_t count) 
             stream->output.handOver();
         }
     }
-    if (count > 0 && streams_.front()->sender) streams_.front()->sender->remote().shareLink(streamCount_);
+    if (count > 0 && streams_.front()->sender) streams_.front()->sender->shareLink(streamCount_);
     closeSpare();
     if (receiver)
         contentLog.infoStream() << "Fetching " << toFetch_ << " bytes of " << fetched_.size() << " archive(s) over "
@@ -693,15 +693,15 @@ void ContentTransfer::keepSending(Stream& stream, ContentReceiver& receiver) {
         if (!stream.servingOver()) return;
         stream.thread.get();  // what ended the thread, if anything, ends the transfer
     }
-    if (stream.sender && !stream.sender->remote().ended()) {
+    if (stream.sender && !stream.sender->ended()) {
         // Started while the list was made.
         if (stream.index > 0 && !stream.serving()) {
-            stream.sender->remote().shareLink(streamCount_);
+            stream.sender->shareLink(streamCount_);
             stream.thread = std::async(std::launch::async, [&stream] { serve(stream); });
         }
         return;
     }
-    if (stream.sender && stream.sender->remote().lost()) return lose(stream, receiver, stream.ssh->whyLost());
+    if (stream.sender && stream.sender->lost()) return lose(stream, receiver, stream.ssh->whyLost());
     if (stream.sender) {
         const CommandResult sent = stream.sender->result();
         stream.sender.reset();
@@ -743,11 +743,11 @@ void ContentTransfer::reconnect(Stream& stream) {
 }
 
 bool ContentTransfer::lastRemovalDue(const Stream& first, const ContentReceiver& receiver) const {
-    return !lastReady_ && first.ssh && !receiver.anythingToAsk() && (!removal_ || removal_->remote().ended());
+    return !lastReady_ && first.ssh && !receiver.anythingToAsk() && (!removal_ || removal_->ended());
 }
 
 void ContentTransfer::keepRemoving(Stream& first, const ContentReceiver& receiver) {
-    if (removal_ && removal_->remote().ended()) endRemoval();
+    if (removal_ && removal_->ended()) endRemoval();
     if (lastRemovalDue(first, receiver)) {
         lastReady_ = true;
         startRemoval(*first.ssh, true);
@@ -780,7 +780,7 @@ void ContentTransfer::saveStatus(const ContentReceiver& receiver) {
 // ------------------------------------------------------------- removal
 
 bool ContentTransfer::startRemoval(Ssh& ssh, bool more) {
-    if (removal_ && !removal_->remote().ended()) return true;
+    if (removal_ && !removal_->ended()) return true;
     endRemoval();
     if ((arrived_.empty() && !more) || ssh.lost()) return true;
     const std::string names = nulEnded(arrived_);
@@ -790,10 +790,10 @@ bool ContentTransfer::startRemoval(Ssh& ssh, bool more) {
     removalOutput_ = BoundedText(1 << 20);
     // Removed as root, following no link out of the agent directory
     // (remote/archive-remover.pl).
-    removal_.reset(new ActionCommand(action_, CommandOptions(action_.agentDir()).asRoot().quietInput(),
+    removal_.reset(new ActionCommand(action_.commandContext(), CommandOptions(action_.agentDir()).asRoot().quietInput(),
                                      commandLine(perlRunning(remote::archive_remover)), *removalNames_,
                                      removalOutput_));
-    ssh.start(removal_->remote());
+    removal_->start(ssh);
     return true;
 }
 
@@ -808,8 +808,8 @@ void ContentTransfer::lastNames() {
 // What a removal left: each failure goes to the debug log, nothing stops the
 // run.
 void ContentTransfer::endRemoval() {
-    if (!removal_ || !removal_->remote().ended()) return;
-    if (removal_->remote().lost()) {
+    if (!removal_ || !removal_->ended()) return;
+    if (removal_->lost()) {
         // Removed again on the next connection: nothing is lost by trying twice.
         arrived_.insert(arrived_.end(), removing_.begin(), removing_.end());
         removing_.clear();
@@ -853,11 +853,11 @@ void ContentTransfer::removeTheRest() {
     try {
         action_.reconnecting("The removal on the source host", [this] {
             Ssh* ssh = action_.getSsh();
-            if (removal_ && !removal_->remote().ended()) ChannelLoop({ssh}).run([this] { return removal_->remote().ended(); });
+            if (removal_ && !removal_->ended()) ChannelLoop({ssh}).run([this] { return removal_->ended(); });
             endRemoval();
             if (!arrived_.empty() && startRemoval(*ssh))
-                ChannelLoop({ssh}).run([this] { return !removal_ || removal_->remote().ended(); });
-            const bool lost = removal_ && removal_->remote().lost();
+                ChannelLoop({ssh}).run([this] { return !removal_ || removal_->ended(); });
+            const bool lost = removal_ && removal_->lost();
             endRemoval();
             // A removal cut on its way hands its names back: they go on the
             // next connection.
@@ -880,10 +880,10 @@ void ContentTransfer::lastRemoval() noexcept {
         const auto left = [until] {
             return std::chrono::duration_cast<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
         };
-        if (removal_) ChannelLoop({ssh}).finish([this] { return removal_->remote().ended(); }, left());
+        if (removal_) ChannelLoop({ssh}).finish([this] { return removal_->ended(); }, left());
         endRemoval();
         if (!arrived_.empty() && startRemoval(*ssh))
-            ChannelLoop({ssh}).finish([this] { return !removal_ || removal_->remote().ended(); }, left());
+            ChannelLoop({ssh}).finish([this] { return !removal_ || removal_->ended(); }, left());
         endRemoval();
     } catch (const std::exception& e) {
         contentLog.warnStream() << "The last removal on the source host failed: " << e.what();
