@@ -1,6 +1,7 @@
 #include "commons/libssh2pp.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -15,6 +16,7 @@
 
 #include "commons/commons.h"
 #include "commons/exceptions.h"
+#include "commons/key_type.h"
 #include "commons/socket.h"
 
 namespace velmo {
@@ -228,6 +230,11 @@ void Session::authorize(const Credentials& credentials) {
     if (!(keys && byKeyFile(credentials)) && !(keys && byAgent(credentials)) && !byPassword(credentials, methods)) {
         checkConnection("authentication");
         sessionLogger.errorStream() << "Authentication failed";
+        if (refusedForSha1_)
+            throw VELMO_EXC(SshKeyUnusable) % credentials.keyFile %
+                (std::string("the host refused it: this build of libssh2 (") + libssh2_version(0) +
+                 ") signs with RSA keys in SHA-1 only (ssh-rsa), which OpenSSH refuses since 8.8; the host wants "
+                 "rsa-sha2-256 or rsa-sha2-512. Use an Ed25519 or ECDSA key, or a build with libssh2 1.11 or later");
         throw VELMO_EXC(SshAuthorizationFailed);
     }
     if (compatibilityMode_) {
@@ -254,7 +261,19 @@ bool Session::byKeyFile(const Credentials& credentials) {
             (credentials.passphrase.empty() ? "no such key, or one that needs a passphrase (KVA_KEY_PASSPHRASE)"
                                             : "no such key, or not this passphrase");
     sessionLogger.debugStream() << "The host refused the key " << credentials.keyFile << ": " << lastError();
+    refusedForSha1_ = signsRsaWithSha1Only() && peerRefusesSha1() && isRsaKeyFile(credentials.keyFile);
     return false;
+}
+
+bool Session::signsRsaWithSha1Only() { return libssh2_version(0x010b00) == nullptr; }
+
+bool Session::peerRefusesSha1() const {
+    // OpenSSH from 8.8 on; of other servers it is not known, and they are
+    // taken to, since they refused the key.
+    const char* banner = libssh2_session_banner_get(get());
+    int major = 0, minor = 0;
+    if (banner == nullptr || std::sscanf(banner, "SSH-2.0-OpenSSH_%d.%d", &major, &minor) != 2) return true;
+    return major > 8 || (major == 8 && minor >= 8);
 }
 
 bool Session::byAgent(const Credentials& credentials) {

@@ -117,6 +117,10 @@ public:
 
 private:
     bool byKeyFile(const Credentials& credentials);
+    // libssh2 before 1.11 signs with an RSA key in SHA-1 only.
+    static bool signsRsaWithSha1Only();
+    // Whether the host may refuse SHA-1 signatures (OpenSSH since 8.8 does).
+    bool peerRefusesSha1() const;
     bool byAgent(const Credentials& credentials);
     bool byPassword(const Credentials& credentials, const std::vector<std::string>& methods);
     void sawRoundTrips(std::chrono::steady_clock::time_point since, int trips);
@@ -140,6 +144,7 @@ private:
     std::chrono::steady_clock::time_point loginDeadline_;
     bool compatibilityMode_;
     std::unique_ptr<Channel> reserveChannel_;
+    bool refusedForSha1_ = false;  // the key file is RSA, refused for its SHA-1 signature
 };
 
 }  // namespace libssh2pp

@@ -21,6 +21,7 @@
 #include "commons/commons.h"
 #include "commons/exceptions.h"
 #include "commons/host_key.h"
+#include "commons/host_offer.h"
 #include "commons/local_files.h"
 #include "commons/sh_quoting.h"
 
@@ -45,6 +46,8 @@ static const std::chrono::milliseconds kStateInterval(100);
 // in, nothing bounds a remote command: an agent may work for hours.
 static const long kDefaultLoginTimeoutSec = 30;
 static const long kMaxLoginTimeoutSec = 24 * 3600;
+// What reading the host's offer of methods may take after a refused handshake.
+static const long kOfferLimitMs = 10000;
 
 IOReadChannel::~IOReadChannel() {}
 IOWriteChannel::~IOWriteChannel() {}
@@ -248,6 +251,21 @@ Ssh::Ssh(const std::string& host, unsigned short port, const libssh2pp::Credenti
     }
 }
 
+// Throws Exc<&UnableToStartSshSession> naming what the host and this build
+// have none of in common, when its offer shows it (and the compatibility
+// mode's old key exchange would not help).
+static void refuseWithoutCommonMethods(const std::string& host, unsigned short port, long limitMs) {
+    HostOffer offer;
+    if (!readHostOffer(host, port, std::chrono::milliseconds(std::min(limitMs, kOfferLimitMs)), offer)) return;
+    bool keyExchangeOnly = false;
+    const std::string mismatch = methodMismatch(offer, host, keyExchangeOnly);
+    const auto& kex = offer.methods[HostOffer::kex];
+    const bool oldKex = std::find(kex.begin(), kex.end(), "diffie-hellman-group1-sha1") != kex.end();
+    if (mismatch.empty() || (keyExchangeOnly && oldKex)) return;
+    logger.errorStream() << mismatch;
+    throw VELMO_EXC(UnableToStartSshSession) % mismatch;
+}
+
 void Ssh::logIn(const std::string& host, unsigned short port, const libssh2pp::Credentials& credentials,
                 bool disableEncryption, std::chrono::milliseconds connectLimit,
                 const std::function<void()>& beforeLogin) {
@@ -271,10 +289,13 @@ void Ssh::logIn(const std::string& host, unsigned short port, const libssh2pp::C
     } catch (const ExTraceable& e) {
         // A peer that refused the handshake, or dropped the connection
         // during it, may be an old one that wants the old key exchange.
-        if (!dynamic_cast<const Exc<&UnableToStartSshSession>*>(&e) && !dynamic_cast<const Exc<&ConnectionFault>*>(&e))
-            throw;
+        const bool refused = dynamic_cast<const Exc<&UnableToStartSshSession>*>(&e) != nullptr;
+        if (!refused && !dynamic_cast<const Exc<&ConnectionFault>*>(&e)) throw;
         checkProgramTerminated();
         socket_.reset();
+        // A host that shares no method with this build says which one in its
+        // first packet; only an old key exchange is worth the other mode.
+        if (refused) refuseWithoutCommonMethods(host, port, limitMs);
         logger.debugStream() << "Attempt to start SSH session in a 'compatibility' mode";
         socket_.reset(new Socket(host, port, connectLimit));
         // The second attempt gets what the first one left of the time.
