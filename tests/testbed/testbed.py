@@ -23,7 +23,21 @@ NOSUDO_USER, NOSUDO_PASSWORD = "vtnosudo", "vt no'sudo $2"          # sudo refus
 NOSUDOBIN_USER, NOSUDOBIN_PASSWORD = "vtnosudobin", "vt no'bin $3"  # no sudo on its PATH
 KEY_USER = "vtkey"                                                  # logs in by key only
 ADMIN_ACCOUNT = "kvaadm"
-ACCOUNTS = {USER: PASSWORD, NOSUDO_USER: NOSUDO_PASSWORD, NOSUDOBIN_USER: NOSUDOBIN_PASSWORD}
+# Source hosts as operators find them: accounts whose login shells and start-up files print on every
+# command, and sudo that lectures or wants a terminal. Each: login -> (password, shell, start-up files
+# {path in the home: text}, sudoers Defaults). NOISE is what the start-up files print on standard output.
+NOISE = "Welcome to panel.example.test, load 0.42 -- have a nice day"
+SHELL_HOSTS = {
+    "vtnoisy": ("vt noisy'5$", "/bin/bash", {".bashrc": 'echo "%s"\necho "bashrc on stderr" >&2\n' % NOISE},
+                "lecture=always"),
+    "vttty": ("vt tty'6$", "/bin/bash", {".bashrc": 'echo "%s"\n' % NOISE}, "requiretty"),
+    "vttcsh": ("vt tcsh'7$", "/usr/bin/tcsh", {".tcshrc": 'echo "%s"\n' % NOISE}, None),
+    "vtcsh": ("vt csh'8$", "/usr/bin/bsd-csh", {".cshrc": 'echo "%s"\n' % NOISE}, None),
+    "vtfish": ("vt fish'9$", "/usr/bin/fish", {".config/fish/config.fish": 'echo "%s"\n' % NOISE}, None),
+    "vtash": ("vt ash'0$", "/usr/local/lib/vantrel-testbed/ash", {}, None),
+}
+ACCOUNTS = {USER: PASSWORD, NOSUDO_USER: NOSUDO_PASSWORD, NOSUDOBIN_USER: NOSUDOBIN_PASSWORD,
+            **{login: host[0] for login, host in SHELL_HOSTS.items()}}
 SUPPORT = "/usr/local/lib/vantrel-testbed"
 MARKER = "# vantrel-testbed: written by tests/testbed/testbed.py; safe to remove"
 
@@ -62,14 +76,24 @@ def _write_ours(path, text, mode):
     os.rename(path + ".vt-tmp", path)
 
 
-def _ensure_user(name, password, shell):
+def _ensure_user(name, password, shell, files=None):
+    """files: {path in the home: text}, written with our marker into a home made without /etc/skel."""
     try:
         if pwd.getpwnam(name).pw_shell != shell:
             _run("usermod", "--shell", shell, name)
     except KeyError:
-        _run("useradd", "--create-home", "--user-group", "--shell", shell, name)
+        _run("useradd", "--create-home", "--user-group", "--shell", shell, name,
+             *(["--skel", os.path.join(SUPPORT, "empty-skel")] if files is not None else []))
         if password:
             _run("chpasswd", input=("%s:%s\n" % (name, password)).encode())
+    account = pwd.getpwnam(name)
+    for path, text in (files or {}).items():
+        path = os.path.join(account.pw_dir, path)
+        os.makedirs(os.path.dirname(path), 0o755, exist_ok=True)
+        _write_ours(path, "# %s\n%s" % (MARKER, text), 0o644)
+        while path.startswith(account.pw_dir + "/"):
+            os.chown(path, account.pw_uid, account.pw_gid)
+            path = os.path.dirname(path)
 
 
 def ensure_accounts():
@@ -98,14 +122,21 @@ def ensure_accounts():
         _ensure_user(NOSUDO_USER, NOSUDO_PASSWORD, "/bin/sh")
         _ensure_user(NOSUDOBIN_USER, NOSUDOBIN_PASSWORD, shell)
         _ensure_user(KEY_USER, None, "/bin/bash")
+        os.makedirs(os.path.join(SUPPORT, "empty-skel"), 0o755, exist_ok=True)
+        if not os.path.lexists(os.path.join(SUPPORT, "ash")):
+            os.symlink("/usr/bin/busybox", os.path.join(SUPPORT, "ash"))   # BusyBox runs as the name it is called by
+        for login, (password, shell, files, _) in SHELL_HOSTS.items():
+            _ensure_user(login, password, shell, files)
         _write_ours("/etc/sudoers.d/vantrel-test", "%s\nDefaults:%s !requiretty\nDefaults:%s lecture=never\n"
-                    "%s ALL=(ALL:ALL) ALL\n" % (MARKER, USER, USER, USER), 0o440)
+                    "%s ALL=(ALL:ALL) ALL\n" % (MARKER, USER, USER, USER) +
+                    "".join("Defaults:%s %s\n" % (login, host[3]) for login, host in SHELL_HOSTS.items() if host[3]) +
+                    "".join("%s ALL=(ALL:ALL) ALL\n" % login for login in SHELL_HOSTS), 0o440)
 
 
 KEYS = "/tmp/vantrel-testbed-keys/"
 # The login keys the servers of the bed accept: (name, ssh-keygen's options, passphrase).
 LOGIN_KEYS = [("login_ed25519", ["-t", "ed25519"], ""), ("login_ecdsa_pem", ["-t", "ecdsa", "-m", "PEM"], ""),
-              ("login_protected", ["-t", "ed25519"], "key pass'phrase $4")]
+              ("login_protected", ["-t", "ed25519"], "key pass'phrase $4"), ("login_rsa", ["-t", "rsa"], "")]
 
 
 def host_key(name="host_ed25519", options=("-t", "ed25519"), passphrase=""):
@@ -159,8 +190,17 @@ def kill_tree(pid):
 class SshServer:
     """A private sshd on 127.0.0.1 (or host). Variants: "default" (password,
     keyboard-interactive and the keys of LOGIN_KEYS), "kbdint" (keyboard-
-    interactive only), "pubkey" (the keys only)."""
-    METHODS = {"default": ("yes", "yes", "yes"), "kbdint": ("no", "yes", "no"), "pubkey": ("no", "no", "yes")}
+    interactive only), "pubkey" (the keys only), "hardened" (as default, with
+    the methods of HARDENED only)."""
+    METHODS = {"default": ("yes", "yes", "yes"), "kbdint": ("no", "yes", "no"), "pubkey": ("no", "no", "yes"),
+               "hardened": ("yes", "yes", "yes")}
+    # The widely used ssh-audit hardening guide for OpenSSH: encrypt-then-MAC MACs and modern key exchanges only.
+    HARDENED = ["KexAlgorithms sntrup761x25519-sha512@openssh.com,curve25519-sha256,curve25519-sha256@libssh.org,"
+                "diffie-hellman-group16-sha512,diffie-hellman-group18-sha512,diffie-hellman-group-exchange-sha256",
+                "Ciphers chacha20-poly1305@openssh.com,aes256-gcm@openssh.com,aes128-gcm@openssh.com,aes256-ctr,"
+                "aes192-ctr,aes128-ctr",
+                "MACs hmac-sha2-256-etm@openssh.com,hmac-sha2-512-etm@openssh.com,umac-128-etm@openssh.com",
+                "HostKeyAlgorithms ssh-ed25519,ssh-ed25519-cert-v01@openssh.com,rsa-sha2-512,rsa-sha2-256"]
 
     def __init__(self, variant="default", log_level="VERBOSE", key=None, host=HOST, netns=None):
         """host: the address to listen on; netns: the path of a network namespace to run in (bench/linklib.py)."""
@@ -180,7 +220,8 @@ class SshServer:
                     "PasswordAuthentication %s\nKbdInteractiveAuthentication %s\nPubkeyAuthentication %s"
                     % self.METHODS[self.variant], "MaxStartups 200", "MaxSessions 100", "UseDNS no",
                     # The compatibility retry of the client offers only this exchange.
-                    "KexAlgorithms +diffie-hellman-group1-sha1", "LogLevel " + self.log_level,
+                    *(self.HARDENED if self.variant == "hardened" else ["KexAlgorithms +diffie-hellman-group1-sha1"]),
+                    "LogLevel " + self.log_level,
                     "Subsystem sftp internal-sftp", ""]))   # for scp, in the benchmarks
             with open(self.log, "ab") as log:
                 self.proc = subprocess.Popen((["nsenter", "--net=" + self.netns] if self.netns else []) +

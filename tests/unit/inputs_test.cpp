@@ -1,6 +1,6 @@
 // The readers of what comes in: the product configuration file, agent
-// description files, the agent's content list, the selected-objects file and the command
-// line.
+// description files, the agent's content list, the selected-objects file, the command
+// line, a command's output past its login shell's noise, and a host's offer of methods.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -11,10 +11,13 @@
 #include <vector>
 
 #include <boost/filesystem.hpp>
+#include <libssh2.h>
 
 #include "commons/agent_spec.h"
 #include "commons/exceptions.h"
 #include "commons/formats.h"
+#include "commons/host_offer.h"
+#include "commons/shell_noise.h"
 #include "utils/read_configuration.h"
 #include "vantrel/actions.h"
 #include "vantrel/dump_options.h"
@@ -272,4 +275,73 @@ TEST(ContentNames, NamesLeavingTheContentDirectoryAreRefused) {
         EXPECT_EQ("", failure([&] { checkContentFileName(name); })) << name;
     for (const std::string& name : Words{"", "/etc/passwd", "../x", "a/../../b", "a/..", "..", "dir/", {"a\0b", 3}})
         EXPECT_EQ(0u, failure([&] { checkContentFileName(name); }).find("UnsafeContentFileName")) << name;
+}
+
+TEST(ShellNoise, OutputBeginsPastTheMarkerLineInWhateverChunks) {
+    const std::string marker = newCommandMarker();
+    const std::string longNoise(300, 'n');
+    struct Case {
+        std::string noise, line, output;
+    } cases[] = {
+        {"", marker + "\n", "<doc/>\n"},
+        {"Welcome\nload 0.42\n", marker + "\n", "<doc/>"},
+        {"no line end", marker + "\n", "x\n" + marker + "\n"},  // the command may print the marker itself
+        {longNoise, "\r\n" + marker + "\r\n", std::string("\0bytes", 6)},  // a terminal's line ends
+        {"vantrel-begin-", marker + "\n", ""},
+    };
+    for (const Case& c : cases) {
+        const std::string all = c.noise + c.line + c.output;
+        for (std::size_t piece : {std::size_t(1), std::size_t(7), all.size()}) {
+            ShellNoise noise(marker);
+            std::string passed;
+            for (std::size_t at = 0; at < all.size(); at += piece) {
+                const std::string chunk = all.substr(at, piece);
+                const std::size_t skip = noise.skip(chunk.data(), chunk.size());
+                passed += chunk.substr(skip);
+            }
+            EXPECT_EQ(c.output, passed) << c.noise << " in pieces of " << piece;
+            EXPECT_EQ(c.noise.size() + (c.line[0] == '\r' ? 2 : 0), noise.dropped());
+            EXPECT_EQ((c.noise + c.line).substr(0, std::min<std::size_t>(200, noise.dropped())), noise.start());
+            EXPECT_TRUE(noise.passed());
+        }
+    }
+}
+
+TEST(HostOffer, KeyExchangeListsFromTheHostsFirstPacket) {
+    const auto string = [](const std::string& text) {
+        const uint32_t n = static_cast<uint32_t>(text.size());
+        return std::string{char(n >> 24), char(n >> 16), char(n >> 8), char(n)} + text;
+    };
+    std::string payload = std::string(1, '\x14') + std::string(16, 'c') +
+                          string("curve25519-sha256,ext-info-s,kex-strict-s-v00@openssh.com") + string("ssh-ed25519");
+    for (int i = 0; i < 2; ++i) payload += string("aes128-ctr,aes256-gcm@openssh.com");
+    for (int i = 0; i < 2; ++i) payload += string("hmac-sha2-256-etm@openssh.com");
+    for (int i = 0; i < 4; ++i) payload += string(i < 2 ? "none,zlib@openssh.com" : "");
+    payload += std::string(5, '\0');
+    const std::string padding(4, 'p');
+    const std::string packet = string(std::string(1, char(padding.size())) + payload + padding);
+    const std::string sent = "a line before\r\nSSH-2.0-OpenSSH_9.2p1\r\n" + packet;
+    for (std::size_t cut = 0; cut < sent.size(); ++cut) {
+        HostOffer offer;
+        ASSERT_FALSE(parseHostOffer(sent.substr(0, cut), offer)) << cut;
+    }
+    HostOffer offer;
+    ASSERT_TRUE(parseHostOffer(sent, offer));
+    EXPECT_EQ(Words{"curve25519-sha256"}, offer.methods[HostOffer::kex]);
+    EXPECT_EQ((Words{"aes128-ctr", "aes256-gcm@openssh.com"}), offer.methods[HostOffer::cipherIn]);
+    EXPECT_EQ(Words{"hmac-sha2-256-etm@openssh.com"}, offer.methods[HostOffer::macOut]);
+    EXPECT_EQ((Words{"none", "zlib@openssh.com"}), offer.methods[HostOffer::compressionIn]);
+    // Only the MACs are missing from this build where it has no encrypt-then-MAC.
+    bool keyExchangeOnly = true;
+    const std::string why = methodMismatch(offer, "src.example.test", keyExchangeOnly);
+    EXPECT_FALSE(keyExchangeOnly);
+    // (libssh2 1.11 has them: then nothing is missing.)
+    EXPECT_EQ(libssh2_version(0x010b00) != nullptr, why.empty()) << why;
+    if (!why.empty()) {
+        EXPECT_EQ(0u, why.find("No common MAC with src.example.test: the host offers hmac-sha2-256-etm")) << why;
+    }
+    for (const std::string& garbage : {std::string(9000, 'x'), "SSH-2.0-x\r\n" + string(std::string(3, '\x01'))}) {
+        HostOffer none;
+        EXPECT_NE("", failure([&] { parseHostOffer(garbage, none); }));
+    }
 }
