@@ -238,11 +238,11 @@ Ssh::Ssh(const std::string& host, const std::string& login, const std::string& p
     : Ssh(host, port, passwordOnly(login, password), disableEncryption) {}
 
 Ssh::Ssh(const std::string& host, unsigned short port, const libssh2pp::Credentials& credentials,
-         bool disableEncryption, std::chrono::milliseconds connectLimit, const std::function<void()>& beforeLogin) {
+         bool disableEncryption, std::chrono::milliseconds connectLimit) {
     addSecret(credentials.password);
     addSecret(credentials.passphrase);
     try {
-        logIn(host, port, credentials, disableEncryption, connectLimit, beforeLogin);
+        logIn(host, port, credentials, disableEncryption, connectLimit);
     } catch (const ExTraceable&) {
         // A stop request cuts the library's waits short: what fails then
         // fails because of the stop.
@@ -267,8 +267,7 @@ static void refuseWithoutCommonMethods(const std::string& host, unsigned short p
 }
 
 void Ssh::logIn(const std::string& host, unsigned short port, const libssh2pp::Credentials& credentials,
-                bool disableEncryption, std::chrono::milliseconds connectLimit,
-                const std::function<void()>& beforeLogin) {
+                bool disableEncryption, std::chrono::milliseconds connectLimit) {
     const long limitMs = loginTimeoutSec() * 1000;
     const auto start = std::chrono::steady_clock::now();
     logger.debugStream() << "SSH handshake and authentication may take up to " << limitMs / 1000 << " s";
@@ -287,15 +286,15 @@ void Ssh::logIn(const std::string& host, unsigned short port, const libssh2pp::C
     try {
         startSession(false, limitMs);
     } catch (const ExTraceable& e) {
-        // A peer that refused the handshake, or dropped the connection
-        // during it, may be an old one that wants the old key exchange.
-        const bool refused = dynamic_cast<const Exc<&UnableToStartSshSession>*>(&e) != nullptr;
-        if (!refused && !dynamic_cast<const Exc<&ConnectionFault>*>(&e)) throw;
+        // A peer that refused the handshake may be an old one that wants the
+        // old key exchange. (One that dropped the connection is tried again
+        // by the caller, after a pause: a loaded sshd drops new connections.)
+        if (!dynamic_cast<const Exc<&UnableToStartSshSession>*>(&e)) throw;
         checkProgramTerminated();
         socket_.reset();
         // A host that shares no method with this build says which one in its
         // first packet; only an old key exchange is worth the other mode.
-        if (refused) refuseWithoutCommonMethods(host, port, limitMs);
+        refuseWithoutCommonMethods(host, port, limitMs);
         logger.debugStream() << "Attempt to start SSH session in a 'compatibility' mode";
         socket_.reset(new Socket(host, port, connectLimit));
         // The second attempt gets what the first one left of the time.
@@ -304,7 +303,6 @@ void Ssh::logIn(const std::string& host, unsigned short port, const libssh2pp::C
         if (spentMs >= limitMs) throw VELMO_EXC(ConnectionTimedOut) % host;
         startSession(true, limitMs - spentMs);
     }
-    if (beforeLogin) beforeLogin();
     try {
         // Nothing of the login goes to a host that is not the one of the
         // migration.

@@ -262,12 +262,11 @@ public:
         bool disableEncryption, unsigned short port);
     // The same with whatever the credentials offer (keys first). host may be
     // an IPv6 address in brackets. The TCP connection takes connectLimit at
-    // most (0: what the kernel gives it). beforeLogin, when given, runs once
-    // the handshake is over, before the host key is checked and anything of
-    // the login is sent; what it throws ends the connection.
+    // most (0: what the kernel gives it). A connection that the host drops
+    // or that is cut before the login is through gives
+    // Exc<&ConnectionFault>.
     Ssh(const std::string& host, unsigned short port, const libssh2pp::Credentials& credentials,
-        bool disableEncryption, std::chrono::milliseconds connectLimit = std::chrono::milliseconds(0),
-        const std::function<void()>& beforeLogin = nullptr);
+        bool disableEncryption, std::chrono::milliseconds connectLimit = std::chrono::milliseconds(0));
     ~Ssh();
     Ssh(const Ssh&) = delete;
     Ssh& operator=(const Ssh&) = delete;
@@ -316,8 +315,7 @@ private:
     typedef bool (Ssh::*Step)(RemoteCommand&);
 
     void logIn(const std::string& host, unsigned short port, const libssh2pp::Credentials& credentials,
-               bool disableEncryption, std::chrono::milliseconds connectLimit,
-               const std::function<void()>& beforeLogin);
+               bool disableEncryption, std::chrono::milliseconds connectLimit);
 
     // One pass over the table: each command's phases in turn. True when
     // anything moved.

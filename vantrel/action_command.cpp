@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 
 #include <log4cpp/Category.hh>
 
@@ -28,35 +29,8 @@ const int kNoSudoStatus = 250;
 const int kSudoRefusedStatus = 251;
 const int kSudoWantsTerminalStatus = 252;
 
-// The password line for sudo, then the command's own input.
-class PasswordFirst : public IOReadChannel {
-public:
-    PasswordFirst(const std::string& password, IOReadChannel& rest) : line_(password + "\n"), rest_(rest) {}
-    int read(char* buffer, unsigned size) override {
-        if (sent_ < line_.size()) {
-            const std::size_t n = std::min<std::size_t>(size, line_.size() - sent_);
-            std::memcpy(buffer, line_.data() + sent_, n);
-            sent_ += n;
-            return static_cast<int>(n);
-        }
-        return rest_.read(buffer, size);
-    }
-
-private:
-    std::string line_;
-    std::size_t sent_ = 0;
-    IOReadChannel& rest_;
-};
-
-// The command's own input as it is.
-class SameInput : public IOReadChannel {
-public:
-    explicit SameInput(IOReadChannel& in) : in_(in) {}
-    int read(char* buffer, unsigned size) override { return in_.read(buffer, size); }
-
-private:
-    IOReadChannel& in_;
-};
+// The line's part that waits for the word.
+const char* const kWaitForGo = "{ IFS= read -r go && [ \"$go\" = go ] || exit 1; } && ";
 
 // Runs its arguments as a command under remote/watchdog.pl where the source
 // host has perl, as they are where it has none.
@@ -67,6 +41,48 @@ std::string endingWithRun(const std::string& command) {
 }
 
 }  // namespace
+
+// What a command reads: the password line for sudo (as root), then, for a
+// command that must not run twice, the word "go" once its line said that it
+// is about to run (its marker came), then its own input. A command never
+// told to go has not run.
+class CommandInput : public IOReadChannel {
+public:
+    CommandInput(std::string head, IOReadChannel& rest) : head_(std::move(head)), rest_(rest) {}
+    // The word waits until begun() is true.
+    void gate(std::function<bool()> begun) { begun_ = std::move(begun); }
+    bool gated() const { return static_cast<bool>(begun_); }
+    bool goSent() const { return goSent_; }
+    int read(char* buffer, unsigned size) override {
+        if (sent_ < head_.size()) {
+            const std::size_t n = std::min<std::size_t>(size, head_.size() - sent_);
+            std::memcpy(buffer, head_.data() + sent_, n);
+            sent_ += n;
+            return static_cast<int>(n);
+        }
+        if (begun_ && !goSent_) {
+            if (!begun_() || size < kGo.size()) return later;
+            goSent_ = true;
+            std::memcpy(buffer, kGo.data(), kGo.size());
+            return static_cast<int>(kGo.size());
+        }
+        return rest_.read(buffer, size);
+    }
+    bool rewind() override {
+        sent_ = 0;
+        goSent_ = false;
+        return rest_.rewind();
+    }
+
+private:
+    static const std::string kGo;
+    std::string head_;
+    std::size_t sent_ = 0;
+    IOReadChannel& rest_;
+    std::function<bool()> begun_;
+    bool goSent_ = false;
+};
+const std::string CommandInput::kGo = "go\n";
 
 // Passes standard error on and keeps its last bytes, where the sudo part of
 // a privileged line leaves its verdict.
@@ -114,16 +130,17 @@ ActionCommand::ActionCommand(CommandContext& context, const CommandOptions& how,
     // Every command runs in a fresh sh; it does not run at all when the
     // directory cannot be entered.
     std::string line = (how.dir.empty() ? std::string("cd") : "cd " + sh_quote(how.dir)) + " || exit 1; ";
-    const std::string guarded = how.guarded ? endingWithRun(command) : command;
-    const std::string marker = "echo " + options.marker + "; ";
+    std::string guarded = how.guarded ? endingWithRun(command) : command;
+    if (how.runsOnce) guarded = commandLine({"sh", "-c", std::string(kWaitForGo) + "exec " + guarded});
+    input_.reset(new CommandInput(root_ && !context.sudoWantsTerminal ? context.sudoPassword + "\n" : "", in));
     if (root_ && context.sudoWantsTerminal) {
-        input_.reset(new SameInput(in));
         terminal_.reset(new SudoOnTerminal(context, line, guarded, *input_, out, *tail_, options));
+        if (how.runsOnce) input_->gate([this] { return terminal_->begun(); });
         return;
     }
+    const std::string marker = "echo " + options.marker + "; ";
     if (!root_) {
         line += marker + guarded;
-        input_.reset(new SameInput(in));
     } else {
         // One exchange does it all: see that sudo exists, check the password
         // once (the pipe ends after one line, so a wrong password is one
@@ -143,9 +160,9 @@ ActionCommand::ActionCommand(CommandContext& context, const CommandOptions& how,
                 std::to_string(kSudoRefusedStatus) + "; }; " + marker +
                 "if sudo -n true 2>/dev/null; then sudo -n " + guarded +
                 "; else { printf '%s\\n' \"$p\"; exec cat; } | sudo -S -k -p ' ' " + guarded + "; fi";
-        input_.reset(new PasswordFirst(context.sudoPassword, in));
     }
     remote_.reset(new RemoteCommand(commandLine({"sh", "-c", line}), *input_, out, *tail_, options));
+    if (how.runsOnce) input_->gate([this] { return remote_->begun(); });
 }
 
 ActionCommand::~ActionCommand() = default;
@@ -168,6 +185,11 @@ void ActionCommand::shareLink(int share) {
         terminal_->shareLink(share);
     else
         remote_->shareLink(share);
+}
+
+bool ActionCommand::mayHaveRun() const {
+    if (input_->gated()) return input_->goSent();
+    return terminal_ ? terminal_->begun() : remote_->begun();
 }
 
 CommandResult ActionCommand::result() {

@@ -50,6 +50,13 @@ struct CommandOptions {
         patient = true;
         return *this;
     }
+    // It must not run twice (a dump, a removal): it starts only once vantrel
+    // has seen that its line got that far, so that a connection lost before
+    // says for sure that it did not run.
+    CommandOptions& once() {
+        runsOnce = true;
+        return *this;
+    }
 
     std::string dir;  // where it runs; the login's home when empty
     bool root = false;
@@ -58,6 +65,7 @@ struct CommandOptions {
     bool guarded = false;
     int linkShare = 1;
     bool patient = false;
+    bool runsOnce = false;
 };
 
 // What a command left behind.
@@ -78,6 +86,7 @@ struct CommandContext {
 
 class TailKeeper;
 class SudoOnTerminal;
+class CommandInput;
 
 // A command of an action, ready to start on a connection.
 class ActionCommand {
@@ -95,6 +104,9 @@ public:
     bool lost() const;
     // The source host runs it.
     bool started() const;
+    // The command itself may have run: told to go, when it runs once, or
+    // its line got that far.
+    bool mayHaveRun() const;
     void shareLink(int share);
     // Once it ended: what it left. sudo missing on the source host gives
     // Exc<&SudoNotFound>, a refused password Exc<&SudoNotAllowed>, a sudo
@@ -106,7 +118,7 @@ public:
 private:
     CommandContext& context_;
     bool root_;
-    std::unique_ptr<IOReadChannel> input_;
+    std::unique_ptr<CommandInput> input_;
     BoundedText errors_;
     std::unique_ptr<TailKeeper> tail_;
     std::unique_ptr<RemoteCommand> remote_;

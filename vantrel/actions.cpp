@@ -13,6 +13,7 @@
 #include "commons/agent_spec.h"
 #include "commons/commons.h"
 #include "commons/log.h"
+#include "commons/login_slots.h"
 #include "commons/session.h"
 #include "commons/sh_quoting.h"
 #include "vantrel/remote_programs.h"
@@ -65,10 +66,10 @@ void Action::setConfig(const config* c) {
     RateLimit::set(cfg->bandwidthLimit);
 }
 
-Ssh* Action::getSsh(std::chrono::milliseconds connectLimit) {
+Ssh* Action::getSsh(Reconnects& tries) {
     if (ssh && ssh->lost()) ssh.reset();
     if (!ssh) {
-        ssh = connect(connectLimit);
+        ssh = connect(tries);
         if (lost_) actionLog.infoStream() << "Connected again to " << cfg->host;
         connected_ = true;
         lost_ = false;
@@ -79,12 +80,18 @@ Ssh* Action::getSsh(std::chrono::milliseconds connectLimit) {
 void Action::reconnecting(const std::string& what, const std::function<void()>& work) {
     std::unique_ptr<ExTraceable> loss;
     for (;;) {
+        ranOnce_ = false;
         try {
             work();
             return;
         } catch (const ExTraceable& e) {
             if (!connected_ || !isConnectionFailure(e)) throw;
             checkProgramTerminated();
+            if (ranOnce_) {
+                actionLog.errorStream() << what << ": " << e.what()
+                                        << "; the command may have run, and is not started twice";
+                throw;
+            }
             if (!loss) loss.reset(e.clone());
             std::chrono::milliseconds pause;
             if (!reconnects_.again(what, e.what(), pause)) loss->raise();
@@ -95,8 +102,7 @@ void Action::reconnecting(const std::string& what, const std::function<void()>& 
     }
 }
 
-std::unique_ptr<Ssh> Action::connect(std::chrono::milliseconds connectLimit,
-                                     const std::function<void()>& beforeLogin) const {
+std::unique_ptr<Ssh> Action::connect(Reconnects& tries, const std::function<bool()>& giveUp) const {
     const unsigned short port = cfg->port == 0 ? 22 : static_cast<unsigned short>(cfg->port);
     libssh2pp::Credentials credentials;
     credentials.login = cfg->login;
@@ -104,7 +110,22 @@ std::unique_ptr<Ssh> Action::connect(std::chrono::milliseconds connectLimit,
     credentials.keyFile = cfg->keyFile;
     credentials.passphrase = cfg->keyPassphrase;
     credentials.agent = cfg->useAgent;
-    return std::unique_ptr<Ssh>(new Ssh(cfg->host, port, credentials, cfg->noEncryption, connectLimit, beforeLogin));
+    std::unique_ptr<ExTraceable> drop;
+    for (;;) {
+        try {
+            const LoginSlot slot(cfg->host, port, giveUp);
+            return std::unique_ptr<Ssh>(new Ssh(cfg->host, port, credentials, cfg->noEncryption, tries.connectLimit()));
+        } catch (const Exc<&ConnectionFault>& e) {
+            // The host was there and dropped the connection, or it was cut,
+            // before the login was through: a loaded sshd (MaxStartups) does
+            // that to new connections, a link that drops now and then too.
+            checkProgramTerminated();
+            if (!drop) drop.reset(e.clone());
+            std::chrono::milliseconds pause;
+            if (!tries.again("The login", e.what(), pause)) drop->raise();
+            Reconnects::wait(pause);
+        }
+    }
 }
 
 const std::string& Action::agentDir() {
@@ -114,7 +135,8 @@ const std::string& Action::agentDir() {
         // File transfers would find a relative path from the home directory
         // and commands from inside the agent directory: one absolute path
         // serves both.
-        const CommandResult pwd = run(CommandOptions(), "pwd");
+        CommandResult pwd;
+        reconnecting("The login's home directory", [&] { pwd = run(CommandOptions(), "pwd"); });
         std::string home = pwd.output;
         while (!home.empty() && home.back() == '\n') home.pop_back();
         if (pwd.status != 0 || home.empty() || home[0] != '/')
@@ -145,6 +167,7 @@ CommandResult Action::run(const CommandOptions& how, const std::string& command,
             // A stop request cuts the library's waits short: what fails then
             // fails because of the stop.
             checkProgramTerminated();
+            ranOnce_ = how.runsOnce && remote.mayHaveRun();
             throw;
         }
     }
@@ -194,18 +217,22 @@ void SendScoutAction::execute() {
     std::ifstream script(scoutPath.c_str(), std::ios::in | std::ios::binary);
     if (!script.is_open()) throw VELMO_EXC(UnableToOpenScoutFile) % scoutPath;
 
-    // What the scout printed stays, also when it failed.
-    NewFile result(theSession->directory(), session_names::SCOUT_RESULT);
-    NewFileWriter output(result);
+    // What the scout printed stays, also when it failed. It only looks at
+    // the host: a cut one runs again.
     IOStreamReadChannel input(script);
     CommandResult scout;
-    try {
-        scout = run(CommandOptions(agentDir()).asRoot().quietInput().endingWithRun(), "perl", input, output);
-    } catch (...) {
-        result.commitQuietly();
-        throw;
-    }
-    result.commit();
+    reconnecting("The scout", [&] {
+        NewFile result(theSession->directory(), session_names::SCOUT_RESULT);
+        NewFileWriter output(result);
+        if (!input.rewind()) throw VELMO_EXC(UnableToOpenScoutFile) % scoutPath;
+        try {
+            scout = run(CommandOptions(agentDir()).asRoot().quietInput().endingWithRun(), "perl", input, output);
+        } catch (...) {
+            result.commitQuietly();
+            throw;
+        }
+        result.commit();
+    });
     if (scout.status != 0) throw VELMO_EXC(FailedToExecuteScout) % scout.status % scout.errors;
 
     status->setAgentOperation(MigrationStatus::wait);
@@ -275,15 +302,18 @@ void RetrieveDumpAction::retrieve() {
     const std::string command = commandLine(words);
 
     // While the agent works, its dumping status is copied into the session
-    // every 5 seconds. What it prints is logged, not kept.
+    // every 5 seconds. What it prints is logged, not kept. A connection lost
+    // before the agent started connects again; once it may have started,
+    // the dump ends with its connection (watchdog and all), and is not
+    // started twice.
     CommandResult dump;
-    {
+    reconnecting("The dump", [&] {
         PeriodicTask refresh(*getSsh(), std::chrono::seconds(5), [this] { return refreshDumpingStatus(); });
         std::istringstream text(standardInput_);
         IOStreamReadChannel in(text);
         BoundedText out(0);
-        dump = run(CommandOptions(agentDir()).asRoot().endingWithRun(), command, in, out);
-    }
+        dump = run(CommandOptions(agentDir()).asRoot().endingWithRun().once(), command, in, out);
+    });
     copy_.reset();
     if (dump.status != 0) throw VELMO_EXC(CantRetrieveDumpFile) % dump.errors;
 
@@ -366,8 +396,12 @@ void RemoveAgentAction::execute() {
             const std::string entry = knownEntryPoint(cfg->agentName);
             if (!entry.empty()) test += " || test -f " + sh_quote(dir + "/" + entry);
             const std::string script = "{ " + test + "; } || exit 3; " + commandLine({"rm", "-rf", "--", dir});
-            if (run(CommandOptions("/").asRoot(), commandLine({"sh", "-c", script})).status == 3)
-                why = "it holds no deployed agent";
+            // Half removed, the directory may have lost its marker: a cut
+            // removal is not started again.
+            reconnecting("The agent's removal", [&] {
+                if (run(CommandOptions("/").asRoot().once(), commandLine({"sh", "-c", script})).status == 3)
+                    why = "it holds no deployed agent";
+            });
         }
         if (!why.empty()) {
             actionLog.warn("Refusing to remove agent directory '%s': %s", cfg->agentDir.c_str(), why.c_str());

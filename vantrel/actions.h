@@ -35,19 +35,21 @@ public:
     virtual void execute() = 0;
 
     // The connection of the run, made on first use (again after a loss).
-    Ssh* getSsh() { return getSsh(reconnects_.connectLimit()); }
-    // The same, a TCP connection that it makes taking connectLimit at most.
-    Ssh* getSsh(std::chrono::milliseconds connectLimit);
-    // One more connection to the source host, as getSsh makes it; its TCP
-    // connection takes connectLimit at most (0: what the kernel gives it);
-    // beforeLogin runs between the handshake and the login (see Ssh).
-    std::unique_ptr<Ssh> connect(std::chrono::milliseconds connectLimit = std::chrono::milliseconds(0),
-                                 const std::function<void()>& beforeLogin = nullptr) const;
+    Ssh* getSsh() { return getSsh(reconnects_); }
+    // The same, connecting as tries allow.
+    Ssh* getSsh(Reconnects& tries);
+    // One more connection to the source host, in one of the login slots
+    // toward it (LoginSlot; giveUp ends the wait for one). A connection that
+    // the host drops, or that is cut, before the login is through is made
+    // again as tries allow; its TCP connection takes what tries leave of
+    // their deadline (or what the kernel gives it, before any loss).
+    std::unique_ptr<Ssh> connect(Reconnects& tries, const std::function<bool()>& giveUp = nullptr) const;
     // Runs work; when the connection is lost under it, or cannot be made
     // again, connects again and runs it once more, as the run's Reconnects
-    // allow (work marks its progress there). Other failures, and those of
-    // the first connection of the run, pass through; when the tries are
-    // spent, the loss that began them fails the run.
+    // allow (work marks its progress there). Other failures, those of the
+    // first connection of the run (connect tried it as it could), and the
+    // loss of a command that runs once after it may have run, pass through;
+    // when the tries are spent, the loss that began them fails the run.
     void reconnecting(const std::string& what, const std::function<void()>& work);
     Reconnects& reconnects() { return reconnects_; }
     // The agent directory as an absolute path. A relative --agent-dir lies
@@ -89,6 +91,7 @@ private:
     Reconnects reconnects_;
     bool connected_ = false;
     bool lost_ = false;  // the connection went away; the next one is made again
+    bool ranOnce_ = false;  // a command that runs once was lost after it may have run
 
     std::string agentDir_;
     bool agentDirKnown_;

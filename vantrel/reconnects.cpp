@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <random>
 #include <thread>
 #include <utility>
 
 #include <log4cpp/Category.hh>
 
+#include "commons/env_number.h"
 #include "commons/ssh-transfer.h"
 
 namespace velmo {
@@ -20,23 +22,9 @@ const int kMostTries = 8;
 const double kFirstPauseSec = 2;
 const double kPauseGrowth = 1.5;
 const double kLongestPauseSec = 60;
+const double kPauseSpread = 0.25;
 const long kDefaultDeadlineSec = 600;
 const long kLongestDeadlineSec = 7 * 24 * 3600;
-
-long deadlineSec() {
-    const char* text = std::getenv("KVA_RECONNECT_DEADLINE");
-    if (text == nullptr || *text == '\0') return kDefaultDeadlineSec;
-    char* end = nullptr;
-    const long value = std::strtol(text, &end, 10);
-    if (*end != '\0' || value < 0 || value > kLongestDeadlineSec) {
-        static bool told = false;
-        if (!std::exchange(told, true))
-            reconnectLog.warnStream() << "Ignoring KVA_RECONNECT_DEADLINE='" << text
-                                      << "': not a number of seconds from 0 to " << kLongestDeadlineSec;
-        return kDefaultDeadlineSec;
-    }
-    return value;
-}
 
 }  // namespace
 
@@ -47,16 +35,21 @@ bool isConnectionFailure(const ExTraceable& e) {
            dynamic_cast<const Exc<&HostNotFound>*>(&e) || dynamic_cast<const Exc<&UnableToStartSshSession>*>(&e);
 }
 
-Reconnects::Reconnects() : deadline_(std::chrono::seconds(deadlineSec())) {}
+Reconnects::Reconnects()
+    : deadline_(std::chrono::seconds(envNumber("KVA_RECONNECT_DEADLINE", 0, kLongestDeadlineSec, kDefaultDeadlineSec))),
+      random_(std::random_device()()) {}
 
 bool Reconnects::again(const std::string& what, const std::string& why, std::chrono::milliseconds& pause) {
     const auto now = std::chrono::steady_clock::now();
     if (tries_ == 0) firstLoss_ = now;
-    const double seconds = std::min(kLongestPauseSec, kFirstPauseSec * std::pow(kPauseGrowth, tries_));
+    // Runs that lost their connections together do not come back together.
+    const double seconds = std::min(kLongestPauseSec, kFirstPauseSec * std::pow(kPauseGrowth, tries_)) *
+                           std::uniform_real_distribution<double>(1 - kPauseSpread, 1 + kPauseSpread)(random_);
     pause = std::chrono::milliseconds(static_cast<long>(seconds * 1000));
     const bool more = ++tries_ <= kMostTries && now + pause - firstLoss_ <= deadline_;
     if (more)
-        reconnectLog.warnStream() << what << ": " << why << "; connecting again in " << seconds << " s (try " << tries_
+        reconnectLog.warnStream() << what << ": " << why << "; connecting again in " << std::round(seconds * 10) / 10
+                                  << " s (try " << tries_
                                   << " of " << kMostTries << ")";
     else
         reconnectLog.errorStream() << what << ": " << why << "; giving up after " << tries_ - 1 << " tries";

@@ -3,6 +3,7 @@
 #define VANTREL_RECONNECTS_H
 
 #include <chrono>
+#include <random>
 #include <string>
 
 #include "commons/exceptions.h"
@@ -15,11 +16,12 @@ namespace velmo {
 // failure are not: they would fail again.
 bool isConnectionFailure(const ExTraceable& e);
 
-// The tries after connections were lost: at most eight in a row without
-// progress, the first after 2 s, each pause half again as long up to a
-// minute, and all of them within KVA_RECONNECT_DEADLINE seconds of the first
-// loss since the last progress (600 by default; 0 never connects again). Every loss and every try is
-// logged.
+// The tries after connections were lost, or dropped before the login was
+// through: at most eight in a row without progress, the first after about
+// 2 s, each pause about half again as long up to a minute (each a quarter
+// more or less, at random), and all of them within KVA_RECONNECT_DEADLINE
+// seconds of the first loss since the last progress (600 by default; 0 never
+// connects again). Every loss and every try is logged.
 class Reconnects {
 public:
     Reconnects();
@@ -38,6 +40,7 @@ public:
 private:
     int tries_ = 0;
     std::chrono::milliseconds deadline_;
+    std::minstd_rand random_;
     std::chrono::steady_clock::time_point firstLoss_;
 };
 

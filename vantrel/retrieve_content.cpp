@@ -46,6 +46,9 @@ std::string decimal(int64_t value) { return boost::lexical_cast<std::string>(val
 // request or a failure ends the transfer.
 const std::chrono::seconds kRemovalInterval(10);
 const std::chrono::seconds kLastRemoval(10);
+// How often the status file is saved while bytes come (it is saved as each
+// archive starts and arrives too).
+const std::chrono::seconds kStatusInterval(1);
 // The pieces of a large archive when several streams share it.
 const int64_t kRangeSize = 8 << 20;
 // Streams a transfer uses at most unless KVA_STREAMS says otherwise, and the
@@ -319,7 +322,8 @@ private:
     std::vector<std::unique_ptr<Stream>> spare_;  // made for content that did not need them
     std::shared_future<void> gate_;  // the first login is over: the others go on
     bool gateOpen_ = false;
-    bool statusDue_ = true;  // an archive started or arrived: the status is saved
+    bool statusDue_ = true;  // an archive started or arrived, or bytes came a while after the last save
+    std::chrono::steady_clock::time_point statusSaved_;
     std::size_t shown_ = 0;  // the archive the terminal's line names
     int64_t toFetch_ = 0;
     int64_t fetchedBytes_ = 0;
@@ -474,6 +478,8 @@ void ContentTransfer::fetch(std::vector<ContentReceiver::Archive> archives) {
         streams_[s]->loss.reset();
         (*updater_)(static_cast<int>(bytes));
         fetchedBytes_ += bytes;
+        // While bytes come, the status follows them about once a second.
+        if (std::chrono::steady_clock::now() - statusSaved_ >= kStatusInterval) statusDue_ = true;
         progress_.update(fetched_[shown_]->name, fetchedBytes_, toFetch_);
     };
     events.arrived = [this](std::size_t i) {
@@ -509,6 +515,7 @@ bool ContentTransfer::step(ContentReceiver& receiver) {
         keepRemoving(*streams_.front(), receiver);
         if (statusDue_) {
             statusDue_ = false;
+            statusSaved_ = std::chrono::steady_clock::now();
             shown_ = receiver.current();
             saveStatus(receiver);
         }
@@ -580,21 +587,22 @@ void ContentTransfer::serve(Stream& stream) {
 }
 
 void ContentTransfer::startLogin(Stream& stream, bool early) {
-    const std::chrono::milliseconds limit = stream.tries.connectLimit();
-    std::function<void()> gate;
-    if (early) {
-        const std::shared_future<void> first = gate_;
-        gate = [first] {
+    const std::shared_future<void> first = gate_;
+    const int share = streamCount_;
+    stream.login = std::async(std::launch::async, [this, &stream, first, early, share] {
+        // Until the first login is through, nothing says that the host and
+        // the credentials are right; and a connection that waits unlogged
+        // takes a place of the host's few (MaxStartups).
+        if (early) {
             try {
                 first.get();
             } catch (const std::future_error&) {
                 throw VELMO_EXC(SshConnectionFault);
             }
-        };
-    }
-    const int share = streamCount_;
-    stream.login = std::async(std::launch::async, [this, &stream, limit, gate, early, share] {
-        std::unique_ptr<Ssh> ssh = action_.loginAside(limit, gate);
+        }
+        // A stream that the content turns out not to need gives up its turn
+        // for a login slot: other runs may wait for one.
+        std::unique_ptr<Ssh> ssh = action_.loginAside(stream.tries, [&stream] { return stream.stop.load(); });
         if (early) {
             // The sender is ready when the list is: its channel is opened
             // and its command started here.
@@ -662,6 +670,7 @@ void ContentTransfer::openStreams(ContentReceiver* receiver, std::size_t count) 
         while (streams_.size() > count) {
             spare_.push_back(std::move(streams_.back()));
             streams_.pop_back();
+            spare_.back()->stop = true;
         }
         for (const auto& stream : streams_) {
             stream->receiver = receiver;
@@ -734,7 +743,7 @@ void ContentTransfer::reconnect(Stream& stream) {
     // The first stream's connection is the action's, which the removal
     // shares: it is made here.
     try {
-        stream.ssh = action_.getSsh(stream.tries.connectLimit());
+        stream.ssh = action_.getSsh(stream.tries);
         contentLog.infoStream() << stream.name() << " connected again";
     } catch (const ExTraceable& e) {
         checkProgramTerminated();
@@ -965,8 +974,7 @@ bool RetrieveContentAction::checkMD5(const DumpFile& file) {
            md5OfFile(dir, leaf) == file.md5sum;
 }
 
-std::unique_ptr<Ssh> RetrieveContentAction::loginAside(std::chrono::milliseconds limit,
-                                                       const std::function<void()>& beforeLogin) {
+std::unique_ptr<Ssh> RetrieveContentAction::loginAside(Reconnects& tries, const std::function<bool()>& giveUp) {
     struct Listed {
         explicit Listed(RetrieveContentAction& action) : action(action) {
             std::lock_guard<std::mutex> hold(action.loginsMutex_);
@@ -980,7 +988,7 @@ std::unique_ptr<Ssh> RetrieveContentAction::loginAside(std::chrono::milliseconds
         }
         RetrieveContentAction& action;
     } listed(*this);
-    return connect(limit, beforeLogin);
+    return connect(tries, giveUp);
 }
 
 void RetrieveContentAction::closeGate() { std::promise<void>().swap(firstLogin_); }

@@ -52,7 +52,7 @@ private:
     void retrieve();
     // A login on a thread of its own, as connect makes it; after a stop
     // request, interruptLogins cuts its waits short.
-    std::unique_ptr<Ssh> loginAside(std::chrono::milliseconds limit, const std::function<void()>& beforeLogin);
+    std::unique_ptr<Ssh> loginAside(Reconnects& tries, const std::function<bool()>& giveUp);
     // After a stop request: ends the others' logins at the gate and signals
     // the threads still logging in until they are gone (a few seconds at
     // most); a stop request reaches one thread only.

@@ -151,6 +151,8 @@ bool SudoOnTerminal::ended() const {
     return command_->ended() && relay_->ended();
 }
 
+bool SudoOnTerminal::begun() const { return watch_->ready(); }
+
 bool SudoOnTerminal::lost() const { return relay_->lost() || (command_ && command_->lost()); }
 
 int SudoOnTerminal::status() {

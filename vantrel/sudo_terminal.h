@@ -30,6 +30,8 @@ public:
     bool ended() const;
     bool lost() const;
     bool started() const { return relay_->started(); }
+    // sudo took the password and the command's streams are open.
+    bool begun() const;
     void shareLink(int share) { relay_->shareLink(share); }
     // Once ended: the command's exit status. sudo missing gives
     // Exc<&SudoNotFound>, a refused password Exc<&SudoNotAllowed>, a relay

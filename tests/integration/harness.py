@@ -3,6 +3,8 @@ loopback sshd of the test bed, this machine being the source host, with a
 throw-away product root per test class (product/QMV, the log at DEBUG, the
 test agent below) named in the configuration file the binary reads."""
 import contextlib
+import ctypes
+import ctypes.util
 import hashlib
 import os
 import pty
@@ -26,6 +28,23 @@ sys.path.insert(0, os.path.join(SOURCE, "tests", "testbed"))
 from testbed import *  # noqa: E402,F401,F403
 
 MIB = 1 << 20
+
+
+def _libssh2_version():
+    library = ctypes.CDLL(ctypes.util.find_library("ssh2"))
+    library.libssh2_version.restype = ctypes.c_char_p
+    return library.libssh2_version(0).decode()
+
+
+# libssh2 1.11 brings encrypt-then-MAC, AES-GCM and SHA-2 signatures with RSA user keys; with 1.10
+# the tests that need them check the messages that say so instead, and say which they checked.
+LIBSSH2 = _libssh2_version()
+LIBSSH2_1_11 = tuple(map(int, LIBSSH2.split(".")[:2])) >= (1, 11)
+
+
+def checked(test, what):
+    """Says in the test's output which of two checks it made (libssh2 1.11's or 1.10's)."""
+    print("\n  [%s, libssh2 %s: %s]" % (test.id().rsplit(".", 1)[-1], LIBSSH2, what), file=sys.stderr)
 
 # The test agent: records the command line and environment of itself and of
 # each ancestor below sshd; answers --get-status with who and where it runs

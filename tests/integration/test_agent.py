@@ -83,6 +83,25 @@ class DumpTest(h.Case):
     def dump(self, action, *extra, **kw):
         return self.start(action, *extra, agent_dir=self.agent_dir, agent="sample", sudo=h.PASSWORD, **kw)
 
+    def test_a_cut_while_a_run_opens_is_made_again(self):
+        # Each run's connection is dropped or cut once where it opens: the run connects again after a
+        # pause and ends as an uncut one.
+        self.configure(self.agent_dir)
+        agent = dict(agent_dir=self.agent_dir, agent="sample")
+        for action, mode, at in (("--send-scout", "fail-first-handshake", None), ("--send-scout", "cut-once", "auth"),
+                                 ("--send-scout", "cut-once", "exec:perl"), ("--deploy-agent", "cut-once", "auth"),
+                                 ("--dump-all", "cut-once", "exec:sample-agent"), ("--get-content", "cut-once", "auth"),
+                                 ("--get-content", "cut-once", "exec:--get-content-list")):
+            with self.subTest(action=action, at=at), h.ScriptedServer(mode, at=at) as peer:
+                r = self.run_vantrel(action, port=peer.port, sudo=h.PASSWORD, **({} if action == "--send-scout" else agent))
+                self.ok(r, "transfer.result" if action == "--get-content" else "migration.result")
+                self.assertIn("CONNECT 2", peer.events)
+        # A dump cut once it was told to go may have run: it is not started twice.
+        with h.ScriptedServer("cut-once", at="go:sample-agent") as peer:
+            r = self.dump("--dump-all", port=peer.port).finish()
+        self.assertEqual("Lost connection with the remote host", self.failed(r, 2, "CantRetrieveDump", "SshConnectionFault"))
+        self.assertEqual(1, sum(e.startswith("EXEC") and "sample-agent" in e for e in peer.events), peer.events)
+
     def test_dump_selected_feeds_the_lists_on_stdin(self):
         self.configure(self.agent_dir)
         selection = os.path.join(self.tmp, "selected.xml")

@@ -2,6 +2,7 @@
 import os
 import pwd
 import re
+import subprocess
 import time
 import xml.etree.ElementTree as ET
 
@@ -184,31 +185,58 @@ class ListedContentTest(ContentCase):
     def test_bandwidth_cap(self):
         agent_dir = self.lay_out([h.archive("capped", 64 * h.MIB)])
         started = time.monotonic()
-        status, r = self.final_status(self.get_content(agent_dir, env={"KVA_BWLIMIT": "8M"}))
+        run = self.get_content(agent_dir, env={"KVA_BWLIMIT": "8M"})
+        saves = h.Poller(run.session.file("migration.status"))
+        status, r = self.final_status(run)
+        saves.stop()
         took = time.monotonic() - started
         self.ok(r, "transfer.result")
         # 64 MiB at 8 MiB/s: the cap holds, and the status shows it.
         self.assertTrue(0.95 * 8 < took < 16, took)
         self.assertLessEqual(int(status.find("transfer").get("speed")), 1.05 * 8 * h.MIB)
+        # While the archive came, the status followed its bytes: sizes left that fall, and a speed.
+        lefts = [int(m.group(1)) for _, data in saves.seen for m in [re.search(rb'<files [^>]*size-left="(\d+)"', data)]
+                 if m and b'size-left="0"' not in data]
+        self.assertGreaterEqual(len(set(lefts)), 5, lefts)
+        self.assertEqual(sorted(lefts, reverse=True), lefts)
+        self.assertTrue(any(re.search(rb'speed="[1-9]', data) for _, data in saves.seen), saves.seen[-1])
 
-    def test_twenty_content_runs_at_once(self):
-        # Half of them through sudo, each with its own agent and session.
+    def test_many_content_runs_at_once_against_a_default_sshd(self):
+        # Thirty runs, half of them through sudo, each with its own agent and session, against an sshd
+        # that drops new connections once ten have not logged in (MaxStartups 10:30:100): the runs share
+        # four login slots, and no connection is dropped.
         jobs = []
-        for i in range(20):
-            archives = [(name, os.urandom(size + i)) for name, size in
-                        (("small.bin", 10 * 1024), ("mid/mid.bin", 300 * 1024), ("large.bin", h.MIB + 4099 * i))]
-            archives = [(n, d, h.md5(d)) for n, d in archives]
-            run = self.get_content(self.lay_out(archives), sudo=h.PASSWORD if i % 2 else None)
-            jobs.append((archives, run))
-        for archives, run in jobs:
-            r = run.finish(120)
-            self.ok(r, "transfer.result")
-            self.assertEqual([md5 for _, _, md5 in archives], [h.md5(r.session.read(n)) for n, _, _ in archives])
-            self.assertEqual(["archives", "dump-name", "host-key", "large.bin", "mid", "migration-result-name",
-                              "migration.log", "migration.status", "small.bin", "transfer.result"], r.session.names())
+        with h.SshServer(max_startups=None) as server:
+            for i in range(30):
+                archives = [(name, os.urandom(size + i)) for name, size in
+                            (("small.bin", 10 * 1024), ("mid/mid.bin", 300 * 1024), ("large.bin", h.MIB + 4099 * i))]
+                archives = [(n, d, h.md5(d)) for n, d in archives]
+                agent_dir = self.lay_out(archives)
+                jobs.append((archives, agent_dir, self.get_content(agent_dir, port=server.port,
+                                                                   sudo=h.PASSWORD if i % 2 else None)))
+            for archives, agent_dir, run in jobs:
+                r = run.finish(300)
+                self.ok(r, "transfer.result")
+                self.assertEqual([md5 for _, _, md5 in archives], [h.md5(r.session.read(n)) for n, _, _ in archives])
+                self.assertEqual(["archives", "dump-name", "host-key", "large.bin", "mid", "migration-result-name",
+                                  "migration.log", "migration.status", "small.bin", "transfer.result"], r.session.names())
+                self.assertFalse(any(os.path.exists(os.path.join(agent_dir, n)) for n, _, _ in archives))
+            log = h.read(server.log).decode(errors="replace")
+        self.assertNotIn("past MaxStartups", log)
         # Each run removed its copy of the logging configuration.
         self.assertEqual([], os.listdir(self.qmv + "/tmp"))
-
+        # A run killed while it logs in leaves its slot free.
+        with h.ScriptedServer("silent") as peer:
+            slot = "/run/vantrel/logins/%s_%d.0" % (h.HOST, peer.port)
+            run = self.start("--send-scout", port=peer.port, env={"KVA_LOGIN_SLOTS": "1"})
+            held = lambda: subprocess.run(["flock", "-n", slot, "true"]).returncode != 0
+            deadline = time.monotonic() + 10
+            while not (os.path.exists(slot) and held()) and time.monotonic() < deadline:
+                time.sleep(0.05)
+            self.assertTrue(held(), "the run never took its slot")
+            run.proc.kill()
+            run.finish()
+            self.assertFalse(held())
 
 if __name__ == "__main__":
     h.main()

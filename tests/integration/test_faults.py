@@ -324,9 +324,14 @@ class LoginFaultTest(FaultCase):
             p.stop()
 
     def test_connection_lost_during_the_key_exchange_is_a_connection_failure(self):
+        # Tried again after a pause, as a host past its MaxStartups is, until the deadline.
         with h.ScriptedServer("fail-handshake") as peer:
-            r = self.run_vantrel("--deploy-agent", port=peer.port, agent_dir=self.remote_dir(), sudo=h.PASSWORD)
+            started = time.monotonic()
+            r = self.run_vantrel("--deploy-agent", port=peer.port, agent_dir=self.remote_dir(), sudo=h.PASSWORD,
+                                 env={"KVA_RECONNECT_DEADLINE": "3"})
         self.assertIn("lost during the SSH handshake", self.failed(r, 15, "ConnectionFault"))
+        self.assertIn("CONNECT 2", peer.events)
+        self.assertLess(time.monotonic() - started, 10)
 
     def test_keyboard_interactive_and_compatibility_retry(self):
         with h.SshServer("kbdint") as kbdint:
@@ -335,13 +340,13 @@ class LoginFaultTest(FaultCase):
         r, _ = self.scout(peer)
         self.ok(r)
         self.assertEqual(["CONNECT 1", "AUTH 1 ok"], peer.events[:2])
-        # A failed first handshake is tried once more, in compatibility mode
-        # (whose sign is a reserve channel running "cat").
-        peer = h.ScriptedServer("fail-first-handshake")
+        # A refused first handshake is tried once more, in compatibility mode (whose sign is a reserve
+        # channel running "cat"), once the host's offer (read on connection 2) says no more than that.
+        peer = h.ScriptedServer("refuse-first-handshake")
         r, _ = self.scout(peer)
         self.ok(r)
-        self.assertEqual(["CONNECT 1", "CONNECT 2", "AUTH 2 ok", "EXEC 2 cat"], peer.events[:4])
-        self.assertNotIn("CONNECT 3", peer.events)
+        self.assertEqual(["CONNECT 1", "CONNECT 2", "CONNECT 3", "AUTH 3 ok", "EXEC 3 cat"], peer.events[:5])
+        self.assertNotIn("CONNECT 4", peer.events)
 
 
 if __name__ == "__main__":

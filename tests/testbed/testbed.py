@@ -8,6 +8,7 @@ import pwd
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import tempfile
 import threading
@@ -202,10 +203,11 @@ class SshServer:
                 "MACs hmac-sha2-256-etm@openssh.com,hmac-sha2-512-etm@openssh.com,umac-128-etm@openssh.com",
                 "HostKeyAlgorithms ssh-ed25519,ssh-ed25519-cert-v01@openssh.com,rsa-sha2-512,rsa-sha2-256"]
 
-    def __init__(self, variant="default", log_level="VERBOSE", key=None, host=HOST, netns=None):
-        """host: the address to listen on; netns: the path of a network namespace to run in (bench/linklib.py)."""
-        self.variant, self.log_level, self.host, self.proc, self.key, self.netns = \
-            variant, log_level, host, None, key, netns
+    def __init__(self, variant="default", log_level="VERBOSE", key=None, host=HOST, netns=None, max_startups="200"):
+        """host: the address to listen on; netns: the path of a network namespace to run in (bench/linklib.py);
+        max_startups: sshd's MaxStartups (None: its default, 10:30:100)."""
+        self.variant, self.log_level, self.host, self.proc, self.key, self.netns, self.max_startups = \
+            variant, log_level, host, None, key, netns, max_startups
 
     def start(self):
         os.makedirs("/run/sshd", 0o755, exist_ok=True)
@@ -218,7 +220,7 @@ class SshServer:
                     "Port %d" % self.port, "ListenAddress " + self.host, "HostKey " + (self.key or host_key()),
                     "PidFile none", "UsePAM yes", "AuthorizedKeysFile " + authorized_keys(), "StrictModes no",
                     "PasswordAuthentication %s\nKbdInteractiveAuthentication %s\nPubkeyAuthentication %s"
-                    % self.METHODS[self.variant], "MaxStartups 200", "MaxSessions 100", "UseDNS no",
+                    % self.METHODS[self.variant], *(["MaxStartups " + self.max_startups] if self.max_startups else []), "MaxSessions 100", "UseDNS no",
                     # The compatibility retry of the client offers only this exchange.
                     *(self.HARDENED if self.variant == "hardened" else ["KexAlgorithms +diffie-hellman-group1-sha1"]),
                     "LogLevel " + self.log_level,
@@ -260,14 +262,18 @@ class ScriptedServer:
     on demand. Modes: "silent" never sends a byte; "stall-auth" never answers
     authentication; "kbdint-3-prompts" asks for the password three times in one
     keyboard-interactive request; "fail-first-handshake" drops connection 1 after
-    the client's banner, "fail-handshake" every connection; "cut" ends the TCP connection (a FIN, nothing else) once
-    cut_after bytes of a command's output went out, "cut-then-down" too and takes no connection after that. It logs the test accounts in
-    by password and runs commands through their login shells, as them. events
-    lists "CONNECT n", "AUTH n ok|failed", "EXEC n <command>", "CUT n"."""
+    the client's banner (as sshd past MaxStartups does), "fail-handshake" every connection;
+    "refuse-first-handshake" offers connection 1 a key exchange that nobody has; "cut" ends the TCP
+    connection (a FIN, nothing else) once cut_after bytes of a command's output went out, "cut-then-down"
+    too and takes no connection after that; "cut-once" cuts the first connection that comes to `at`:
+    "auth" (the login), "exec:<text>" (a command whose line holds text, before it runs), "go:<text>" (such
+    a command, once it was told to go and ran a moment). It logs the test accounts in by password and runs
+    commands through their login shells, as them. events lists "CONNECT n", "AUTH n ok|failed",
+    "EXEC n <command>", "CUT n"."""
 
-    def __init__(self, mode, cut_after=1 << 20):
-        self.mode, self.cut_after, self.host, self.events = mode, cut_after, HOST, []
-        self.stopping, self.held = threading.Event(), []
+    def __init__(self, mode, cut_after=1 << 20, at=None):
+        self.mode, self.cut_after, self.at, self.host, self.events = mode, cut_after, at, HOST, []
+        self.stopping, self.held, self.cut_done = threading.Event(), [], False
 
     def start(self):
         self.listener = socket.create_server((self.host, 0))
@@ -285,6 +291,8 @@ class ScriptedServer:
                 if self.mode == "fail-handshake" or self.mode == "fail-first-handshake" and n == 1:
                     sock.recv(256)
                     sock.close()
+                elif self.mode == "refuse-first-handshake" and n == 1:
+                    _refuse_key_exchange(sock)
                 elif self.mode != "silent":
                     t = paramiko.Transport(sock)
                     t.add_server_key(key)
@@ -306,6 +314,20 @@ class ScriptedServer:
         self.stop()
 
 
+def _refuse_key_exchange(sock):
+    """Sends a banner and a key exchange offer that no client shares, as an old server may."""
+    lists = [b"nothing-in-common@example.test", b"ssh-ed25519"] + [b"aes128-ctr"] * 2 + [b"hmac-sha2-256"] * 2 + \
+        [b"none"] * 2 + [b""] * 2
+    payload = bytes([20]) + os.urandom(16) + b"".join(struct.pack(">I", len(x)) + x for x in lists) + bytes(5)
+    pad = 8 - (len(payload) + 5) % 8
+    pad += 8 if pad < 4 else 0
+    sock.sendall(b"SSH-2.0-scripted_refusal\r\n" + struct.pack(">IB", len(payload) + pad + 1, pad) + payload + bytes(pad))
+    with contextlib.suppress(OSError):
+        sock.settimeout(5)
+        sock.recv(4096)
+    sock.close()
+
+
 class _Interface(paramiko.ServerInterface):
     def __init__(self, server, n, transport):
         self.server, self.n, self.transport, self.mode = server, n, transport, server.mode
@@ -320,7 +342,18 @@ class _Interface(paramiko.ServerInterface):
         self.server.events.append("AUTH %d %s" % (self.n, "ok" if ok else "failed"))
         return paramiko.AUTH_SUCCESSFUL if ok else paramiko.AUTH_FAILED
 
+    def _cut_once(self, at):
+        """Cuts this connection when it is the first to come to at (see ScriptedServer)."""
+        if self.mode != "cut-once" or self.server.cut_done or self.server.at != at:
+            return False
+        self.server.cut_done = True
+        self.server.events.append("CUT %d" % self.n)
+        self.transport.sock.shutdown(socket.SHUT_RDWR)
+        return True
+
     def check_auth_password(self, user, password):
+        if self._cut_once("auth"):
+            return paramiko.AUTH_FAILED
         return self._verdict(user, self.mode != "kbdint-3-prompts" and ACCOUNTS.get(user) == password)
 
     def check_auth_interactive(self, user, submethods):
@@ -337,6 +370,9 @@ class _Interface(paramiko.ServerInterface):
 
     def check_channel_exec_request(self, channel, command):
         self.server.events.append("EXEC %d %s" % (self.n, command.decode(errors="replace")))
+        at = self.server.at or ""
+        if at.startswith("exec:") and at[5:] in command.decode(errors="replace") and self._cut_once(at):
+            return False
         threading.Thread(target=self._exec, args=(channel, command), daemon=True).start()
         return True
 
@@ -348,7 +384,9 @@ class _Interface(paramiko.ServerInterface):
                                   group=pw.pw_gid, extra_groups=os.getgrouplist(pw.pw_name, pw.pw_gid),
                                   env={"HOME": pw.pw_dir, "USER": self.user, "LOGNAME": self.user, "LANG": "C",
                                        "PATH": "/usr/local/bin:/usr/bin:/bin"}) as proc:
-                threading.Thread(target=self._feed, args=(channel, proc.stdin), daemon=True).start()
+                go = self.server.at and self.server.at.startswith("go:") and self.server.at[3:] in command.decode(
+                    errors="replace")
+                threading.Thread(target=self._feed, args=(channel, proc.stdin, go and self), daemon=True).start()
                 self.server.held.append(proc)
                 sent = 0
                 for data in iter(lambda: proc.stdout.read1(65536), b""):
@@ -369,9 +407,15 @@ class _Interface(paramiko.ServerInterface):
                 channel.close()
 
     @staticmethod
-    def _feed(channel, stdin):
-        """The command's input as it comes."""
+    def _feed(channel, stdin, cut_at_go=None):
+        """The command's input as it comes; with cut_at_go, the connection is cut a moment after the
+        command was told to go."""
+        seen = b""
         with contextlib.suppress(OSError, EOFError), stdin:
             for data in iter(lambda: channel.recv(65536), b""):
                 stdin.write(data)
                 stdin.flush()
+                seen = (seen + data)[-64:]
+                if cut_at_go and b"\ngo\n" in seen:
+                    time.sleep(0.5)
+                    cut_at_go._cut_once(cut_at_go.server.at)
