@@ -994,7 +994,7 @@ std::unique_ptr<Ssh> RetrieveContentAction::loginAside(Reconnects& tries, const 
 void RetrieveContentAction::closeGate() { std::promise<void>().swap(firstLogin_); }
 
 void RetrieveContentAction::interruptLogins() {
-    if (!isProgramTerminated) return;
+    if (!programTerminated()) return;
     closeGate();
     for (int i = 0; i < 60; ++i) {
         {
