@@ -91,6 +91,7 @@ VELMO_TAG(UnsafeContentFileName, "UnsafeContentFileName",
           "Refusing to retrieve content file '%1%': the name leads outside the content directory")
 VELMO_TAG(LinkNotFollowed, "LinkNotFollowed",
           "%1% is a symbolic link that another account can change: vantrel does not follow it")
+VELMO_TAG(CommandRefused, "CommandRefused", "The source host refused %1%")
 VELMO_TAG(SudoNeedsTerminal, "SudoNeedsTerminal", "sudo on %1% requires a terminal (Defaults requiretty): %2%")
 VELMO_TAG(SshKeyUnusable, "SshKeyUnusable", "Unable to log in with the key %1%: %2%")
 VELMO_TAG(SessionBusy, "SessionBusy",

@@ -239,6 +239,9 @@ extern const ExTag CantWriteRemoteFile;
 extern const ExTag UnsafeContentFileName;
 // A link where vantrel, as root, expected a file or a directory of its own.
 extern const ExTag LinkNotFollowed;
+// The source host refused a channel, a terminal or to run a command (what
+// follows): not a lost connection, and not tried again.
+extern const ExTag CommandRefused;
 // sudo on the source host runs only on a terminal, and the command could
 // not run on one (what stood in the way follows).
 extern const ExTag SudoNeedsTerminal;

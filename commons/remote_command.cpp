@@ -234,9 +234,7 @@ bool Ssh::open(RemoteCommand& command) {
         if (isSocketError(error)) {
             loseConnection();
         } else {
-            logger.errorStream() << "The source host refused a channel: " << session_->lastError();
-            command.lost_ = true;
-            end(command);
+            refuse(command, "a channel: " + session_->lastError());
         }
         return true;
     }
@@ -266,9 +264,7 @@ bool Ssh::startCommand(RemoteCommand& command) {
             return true;
         }
         if (rc != 0) {
-            logger.errorStream() << "The source host refused a terminal: " << session_->lastError();
-            command.lost_ = true;
-            end(command);
+            refuse(command, "a terminal: " + session_->lastError());
             return true;
         }
         command.terminalGiven_ = true;
@@ -288,9 +284,7 @@ bool Ssh::startCommand(RemoteCommand& command) {
     } else {
         // The source host answered the exec request with a refusal: the
         // command never ran.
-        logger.errorStream() << "The source host refused to run the command: " << session_->lastError();
-        command.lost_ = true;
-        end(command);
+        refuse(command, "to run the command: " + session_->lastError());
     }
     return true;
 }
@@ -477,6 +471,12 @@ bool Ssh::close(RemoteCommand& command) {
     logger.debugStream() << "Execution finished with return code " << status;
     end(command);
     return true;
+}
+
+void Ssh::refuse(RemoteCommand& command, const std::string& what) {
+    logger.errorStream() << "The source host refused " << what;
+    command.refusal_ = what;
+    end(command);
 }
 
 void Ssh::end(RemoteCommand& command) {

@@ -57,7 +57,8 @@ public:
     RemoteCommand(const RemoteCommand&) = delete;
     RemoteCommand& operator=(const RemoteCommand&) = delete;
 
-    // It exited, or its connection went away first (lost).
+    // It exited, its connection went away first (lost), or the source host
+    // refused it.
     bool ended() const { return phase_ == Phase::ended; }
     // The source host runs it (or it ended).
     bool started() const { return phase_ >= Phase::running; }
@@ -67,6 +68,9 @@ public:
     // use.
     void shareLink(int share);
     bool lost() const { return lost_; }
+    // What the source host refused (a channel, a terminal, to run it), or
+    // an empty text: a refused command never ran, and would be refused again.
+    const std::string& refusal() const { return refusal_; }
     // The exit status; a command killed by a signal counts as 255.
     int status() const { return status_; }
     // Called once, when it ends (not when it is abandoned).
@@ -97,6 +101,7 @@ private:
     std::chrono::steady_clock::time_point stateAsked_;  // whether it or its connection went away
     int status_ = -1;
     bool lost_ = false;
+    std::string refusal_;
     std::unique_ptr<class CommandLog> log_;
     std::unique_ptr<ShellNoise> noise_;
     // The channel's receive window, grown with what the link carries.

@@ -28,6 +28,7 @@ int Ssh::exec(const std::string& command, IOReadChannel& in, IOWriteChannel& out
     start(remote);
     stoppable([&] { ChannelLoop({this}).run([&remote] { return remote.ended(); }); });
     if (remote.lost()) throw VELMO_EXC(SshConnectionFault);
+    if (!remote.refusal().empty()) throw VELMO_EXC(CommandRefused) % remote.refusal();
     return remote.status();
 }
 

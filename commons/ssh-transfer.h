@@ -49,12 +49,13 @@ public:
 
     // Puts command into this connection's table; the loop opens its channel,
     // starts it and services it until it ends. A channel or a command that
-    // the source host refuses ends it as lost.
+    // the source host refuses ends it as refused.
     void start(RemoteCommand& command);
 
     // Runs command to its end and returns its exit status; the channels of
     // this connection and its periodic task are serviced meanwhile. The
-    // connection gone gives Exc<&SshConnectionFault>.
+    // connection gone gives Exc<&SshConnectionFault>, a refusal
+    // Exc<&CommandRefused>.
     int exec(const std::string& command, IOReadChannel& in, IOWriteChannel& out, IOWriteChannel& err,
              const ExecOptions& how = ExecOptions());
 
@@ -116,6 +117,7 @@ private:
     // Whether an exchange around the command waits for the peer too long.
     bool overdue(const RemoteCommand& command) const;
     void end(RemoteCommand& command);
+    void refuse(RemoteCommand& command, const std::string& what);
     void loseConnection(const std::string& why = std::string());
     void abandon(RemoteCommand& command);
     // Finishes the packet that a step left half sent, calling that step

@@ -194,6 +194,8 @@ bool ActionCommand::mayHaveRun() const {
 
 CommandResult ActionCommand::result() {
     if (lost()) throw VELMO_EXC(SshConnectionFault);
+    const std::string& refusal = terminal_ ? terminal_->refusal() : remote_->refusal();
+    if (!refusal.empty()) throw VELMO_EXC(CommandRefused) % refusal;
     CommandResult result;
     if (terminal_) {
         result.status = terminal_->status();

@@ -36,6 +36,8 @@ public:
 
     // The connection of the run, made on first use (again after a loss).
     Ssh* getSsh() { return getSsh(reconnects_); }
+    // The connection there is, if any: none is made.
+    Ssh* connection() const { return ssh.get(); }
     // The same, connecting as tries allow.
     Ssh* getSsh(Reconnects& tries);
     // One more connection to the source host, in one of the login slots

@@ -65,6 +65,7 @@ ArchiveWriter::ArchiveWriter(const Directory& dir, const std::string& name, int6
 }
 
 ArchiveWriter::~ArchiveWriter() {
+    MutexLock hold(mutex_);
     if (done_ || !fd_) return;
     // Kept for the next run: the bytes without a gap, and nothing else; a
     // part that holds none of them goes.
@@ -82,6 +83,7 @@ ArchiveWriter::~ArchiveWriter() {
 }
 
 void ArchiveWriter::write(int64_t offset, const char* data, std::size_t length) {
+    MutexLock hold(mutex_);
     if (offset < whole_ || offset + static_cast<int64_t>(length) > size_ || done_)
         throw std::logic_error("archive bytes written twice or beyond its size");
     if (offset > whole_ && beyond_.empty()) {
@@ -90,6 +92,9 @@ void ArchiveWriter::write(int64_t offset, const char* data, std::size_t length) 
         recordedWhole_ = -1;
         recordGap();
     }
+    // Another thread's range may become whole meanwhile: where these bytes
+    // stand is looked at again below.
+    hold.unlock();
     for (std::size_t done = 0; done < length;) {
         const ssize_t n = ::pwrite(fd_.get(), data + done, length - done, offset + static_cast<int64_t>(done));
         if (n < 0 && errno == EINTR) continue;
@@ -99,6 +104,7 @@ void ArchiveWriter::write(int64_t offset, const char* data, std::size_t length) 
         }
         done += static_cast<std::size_t>(n);
     }
+    hold.lock();
     held_ += static_cast<int64_t>(length);
     if (offset > whole_) {
         beyond_[offset] = offset + static_cast<int64_t>(length);
@@ -124,12 +130,24 @@ void ArchiveWriter::recordGap() {
     recordedWhole_ = whole_;
 }
 
+int64_t ArchiveWriter::whole() const {
+    MutexLock hold(mutex_);
+    return whole_;
+}
+
+int64_t ArchiveWriter::held() const {
+    MutexLock hold(mutex_);
+    return held_;
+}
+
 std::string ArchiveWriter::sum() {
+    MutexLock hold(mutex_);
     done_ = true;
     return md5_->hex();
 }
 
 void ArchiveWriter::finish() {
+    MutexLock hold(mutex_);
     done_ = true;
     // Where the file system keeps no such marks, only this run removes it.
     (void)::fsetxattr(fd_.get(), kRemovalAttribute, "1", 1, 0);
@@ -137,6 +155,7 @@ void ArchiveWriter::finish() {
 }
 
 void ArchiveWriter::drop() {
+    MutexLock hold(mutex_);
     done_ = true;
     dir_.remove(part_);
 }

@@ -9,12 +9,14 @@
 
 #include "commons/checksum.h"
 #include "commons/local_files.h"
+#include "commons/mutex.h"
 
 namespace velmo {
 
 // Bytes are written where they belong, and may come in any order (byte ranges
-// over several streams); the MD5 sum follows the part that has no gap from
-// the start. The archive takes its name only once it is whole and proven.
+// over several streams, at once from their threads); the MD5 sum follows the
+// part that has no gap from the start. The archive takes its name only once
+// it is whole and proven.
 //
 // While bytes lie beyond a gap, the part carries the length without a gap in
 // its extended attribute "user.vantrel.whole", so that a run killed then is
@@ -44,33 +46,41 @@ public:
     bool takesRanges() const { return ranges_; }
     // Exc<&StreamWrite> (the disk is full, say), after which the writer is
     // spent; the bytes must lie within the archive and not be here yet.
-    void write(int64_t offset, const char* data, std::size_t length);
+    // Several threads may write ranges of their own at once.
+    void write(int64_t offset, const char* data, std::size_t length) EXCLUDES(mutex_);
     // Bytes from the start without a gap, and bytes here in all.
-    int64_t whole() const { return whole_; }
-    int64_t held() const { return held_; }
-    // The MD5 sum of the first whole() bytes; the writer takes no more.
-    std::string sum();
+    int64_t whole() const EXCLUDES(mutex_);
+    int64_t held() const EXCLUDES(mutex_);
+    // Once no write is on its way: the MD5 sum of the first whole() bytes;
+    // the writer takes no more.
+    std::string sum() EXCLUDES(mutex_);
     // Gives the part its name (whatever stood there is replaced), marked as
     // one still to be removed on the source host (see removalDue).
-    void finish();
+    void finish() EXCLUDES(mutex_);
     // Removes the part.
-    void drop();
+    void drop() EXCLUDES(mutex_);
 
 private:
-    void recordGap();
+    void recordGap() REQUIRES(mutex_);
 
+    // Unchanged after construction.
     Directory dir_;
     std::string name_;
     std::string part_;
     int64_t size_;
     Fd fd_;
     bool ranges_;
-    int64_t whole_;
-    int64_t held_;
-    int64_t recordedWhole_ = -1;
-    std::map<int64_t, int64_t> beyond_;  // ranges past a gap: start -> end
-    std::unique_ptr<BackgroundMd5> md5_;
-    bool done_ = false;
+
+    // State below is protected by mutex_: the bytes that came, their sum in
+    // order, and the record of a gap. The bytes themselves are written to
+    // the part without it.
+    mutable Mutex mutex_;
+    int64_t whole_ GUARDED_BY(mutex_);
+    int64_t held_ GUARDED_BY(mutex_);
+    int64_t recordedWhole_ GUARDED_BY(mutex_) = -1;
+    std::map<int64_t, int64_t> beyond_ GUARDED_BY(mutex_);  // ranges past a gap: start -> end
+    std::unique_ptr<BackgroundMd5> md5_ GUARDED_BY(mutex_);
+    bool done_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace velmo

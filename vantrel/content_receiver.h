@@ -14,6 +14,7 @@
 
 #include "commons/formats.h"
 #include "commons/local_files.h"
+#include "commons/mutex.h"
 #include "vantrel/archive_writer.h"
 #include "vantrel/content_frames.h"
 
@@ -24,6 +25,11 @@ namespace velmo {
 // ArchiveWriter and takes its name once its size and sum are proven. A large
 // archive goes in byte ranges over several streams. Connections are not its
 // business, so that tests can drive it with bytes of their own.
+//
+// Threads: each stream is serviced by one thread at a time (nextRequests,
+// received), and any thread may ask the rest. The schedule is guarded by
+// mutex_; no archive is opened, written, summed or renamed under it, and the
+// events are called without it.
 class ContentReceiver {
 public:
     struct Archive {
@@ -47,29 +53,31 @@ public:
     ~ContentReceiver();
 
     // The next requests of stream s while it has too little on its way, or
-    // an empty text.
-    std::string nextRequests(int s);
+    // an empty text (also while another stream opens the next archive).
+    std::string nextRequests(int s) EXCLUDES(mutex_);
     // What the sender of stream s sent. A failed or garbled answer throws
     // Exc<&CantRetrieveContentFile>, an archive unlike its listing
     // Exc<&ContentFileMismatch> (its part removed).
-    void received(int s, const char* bytes, std::size_t length);
-    // Stream s broke: what it had on its way is handed out again from where
-    // its bytes end; they are kept.
-    void lost(int s);
+    void received(int s, const char* bytes, std::size_t length) EXCLUDES(mutex_);
+    // Stream s broke (and nothing services it): what it had on its way is
+    // handed out again from where its bytes end; they are kept.
+    void lost(int s) EXCLUDES(mutex_);
     // The sender of stream s left with requests unanswered, for why:
     // Exc<&CantRetrieveContentFile> naming the archive it was on.
-    [[noreturn]] void senderGone(int s, const std::string& why);
+    [[noreturn]] void senderGone(int s, const std::string& why) EXCLUDES(mutex_);
 
-    bool finished() const { return left_ == 0; }
+    bool finished() const EXCLUDES(mutex_);
     // Whether stream s waits for an answer, and whether anything is left to
     // hand out.
-    bool waiting(int s) const { return !onWay_[s].empty(); }
-    bool anythingToAsk() const;
+    bool waiting(int s) const EXCLUDES(mutex_);
+    bool anythingToAsk() const EXCLUDES(mutex_);
     // Bytes here of archive i (a part it went on from included), and the
     // archive that is first in the list among those on their way.
-    int64_t held(std::size_t i) const;
-    std::size_t current() const;
-    bool isOnItsWay(std::size_t i) const;
+    int64_t held(std::size_t i) const EXCLUDES(mutex_);
+    std::size_t current() const EXCLUDES(mutex_);
+    // Archive i's name in the list, and its size.
+    const std::string& name(std::size_t i) const EXCLUDES(mutex_);
+    int64_t size(std::size_t i) const EXCLUDES(mutex_);
 
 private:
     struct Unit {
@@ -86,35 +94,48 @@ private:
         double bytesPerMs = 0;
     };
 
-    bool take(Unit& unit);
+    // The next unit to ask for. opening: archive i (unit.archive) is to be
+    // opened by the caller first; busy: another stream opens the next one.
+    enum class Take { unit, opening, busy, nothing };
+    Take take(Unit& unit) REQUIRES(mutex_);
+    // Makes the writer of archive i without the lock.
+    void open(MutexLock& held, std::size_t i) REQUIRES(mutex_);
     // How much of an archive the next piece takes, and how much stream s
     // keeps on its way: what it brings in two round trips.
-    int64_t pieceSize() const;
-    int64_t enoughOnWay(int s) const;
+    int64_t pieceSize() const REQUIRES(mutex_);
+    int64_t enoughOnWay(int s) const REQUIRES(mutex_);
     // Whether stream s may take more: near the end (what is not asked for
     // yet fits in what the streams keep on their way) only the stream that
     // will be through with its work first does, so that they end together.
-    bool doneFirst(int s) const;
-    void paced(int s, int64_t bytes);
-    void event(int s, const SenderEvent& event);
-    void ended(Unit unit);
-    void finish(std::size_t i);
-    [[noreturn]] void fail(std::size_t i, const std::string& why);
+    bool doneFirst(int s) const REQUIRES(mutex_);
+    void paced(int s, int64_t bytes) REQUIRES(mutex_);
+    void event(int s, const SenderEvent& event) EXCLUDES(mutex_);
+    // A unit is through; when it was the last of its archive, the archive's
+    // writer is handed to the caller, who proves it (prove) without the lock.
+    std::unique_ptr<ArchiveWriter> ended(Unit unit) REQUIRES(mutex_);
+    void prove(std::size_t i, std::unique_ptr<ArchiveWriter> writer) EXCLUDES(mutex_);
+    [[noreturn]] void fail(std::size_t i, const std::string& why) REQUIRES(mutex_);
 
-    std::vector<Archive> archives_;
-    std::vector<State> states_;
-    int64_t rangeSize_;
-    std::string host_;
-    Events events_;
-    std::size_t left_;
-    std::size_t nextArchive_ = 0;
-    std::deque<Unit> handedBack_;
-    std::vector<std::deque<Unit>> onWay_;
-    std::vector<int64_t> bytesOnWay_;
+    // Unchanged after construction.
+    const int64_t rangeSize_;
+    const std::string host_;
+    const Events events_;
+    const double roundTripMs_;
+
+    // Each stream's parser belongs to the thread that services the stream.
     std::vector<SenderFrames> frames_;
-    std::vector<Pace> paces_;
-    double roundTripMs_;
-    int64_t unasked_ = 0;  // bytes not asked for yet, in all
+
+    // State below is protected by mutex_.
+    mutable Mutex mutex_;
+    std::vector<Archive> archives_ GUARDED_BY(mutex_);
+    std::vector<State> states_ GUARDED_BY(mutex_);
+    std::size_t left_ GUARDED_BY(mutex_);
+    std::size_t nextArchive_ GUARDED_BY(mutex_) = 0;
+    std::deque<Unit> handedBack_ GUARDED_BY(mutex_);
+    std::vector<std::deque<Unit>> onWay_ GUARDED_BY(mutex_);
+    std::vector<int64_t> bytesOnWay_ GUARDED_BY(mutex_);
+    std::vector<Pace> paces_ GUARDED_BY(mutex_);
+    int64_t unasked_ GUARDED_BY(mutex_) = 0;  // bytes not asked for yet, in all
 };
 
 }  // namespace velmo

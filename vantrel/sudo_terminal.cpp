@@ -153,6 +153,10 @@ bool SudoOnTerminal::ended() const {
 
 bool SudoOnTerminal::begun() const { return watch_->ready(); }
 
+const std::string& SudoOnTerminal::refusal() const {
+    return command_ && relay_->refusal().empty() ? command_->refusal() : relay_->refusal();
+}
+
 bool SudoOnTerminal::lost() const { return relay_->lost() || (command_ && command_->lost()); }
 
 int SudoOnTerminal::status() {

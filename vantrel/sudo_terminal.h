@@ -29,6 +29,8 @@ public:
     void start(Ssh& ssh);
     bool ended() const;
     bool lost() const;
+    // What the source host refused of the relay's channel or the command's.
+    const std::string& refusal() const;
     bool started() const { return relay_->started(); }
     // sudo took the password and the command's streams are open.
     bool begun() const;
