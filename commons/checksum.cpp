@@ -36,35 +36,36 @@ const std::size_t kBackgroundBuffer = 256 * 1024;
 }  // namespace
 
 BackgroundMd5::BackgroundMd5() : free_(kBackgroundBuffers), thread_(&BackgroundMd5::run, this) {
+    MutexLock hold(mutex_);
     for (std::vector<char>& buffer : free_) buffer.reserve(kBackgroundBuffer);
 }
 
 BackgroundMd5::~BackgroundMd5() {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLock hold(mutex_);
         closing_ = true;
     }
-    changed_.notify_all();
+    changed_.notifyAll();
     thread_.join();
 }
 
 void BackgroundMd5::update(const void* data, std::size_t length) {
     const char* at = static_cast<const char*>(data);
     while (length > 0) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [this] { return !free_.empty(); });
+        MutexLock hold(mutex_);
+        while (free_.empty()) changed_.wait();
         Piece piece;
         piece.bytes = std::move(free_.back());
         free_.pop_back();
-        lock.unlock();
+        hold.unlock();
         const std::size_t n = std::min(length, kBackgroundBuffer);
         piece.bytes.assign(at, at + n);
         at += n;
         length -= n;
-        lock.lock();
+        hold.lock();
         full_.push_back(std::move(piece));
-        lock.unlock();
-        changed_.notify_all();
+        hold.unlock();
+        changed_.notifyAll();
     }
 }
 
@@ -75,51 +76,52 @@ void BackgroundMd5::updateFromFile(int fd, int64_t offset, int64_t length) {
     piece.offset = offset;
     piece.length = length;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        MutexLock hold(mutex_);
         full_.push_back(std::move(piece));
     }
-    changed_.notify_all();
+    changed_.notifyAll();
 }
 
 std::string BackgroundMd5::hex() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return full_.empty() && !busy_; });
+    MutexLock hold(mutex_);
+    while (!full_.empty() || busy_) changed_.wait();
     if (readFailed_) throw VELMO_EXC(StreamRead);
     return sum_.hex();
 }
 
-void BackgroundMd5::sumFile(const Piece& piece) {
+bool BackgroundMd5::sumFile(const Piece& piece) {
     std::vector<char> buffer(kBackgroundBuffer);
-    for (int64_t done = 0; done < piece.length && !readFailed_;) {
+    for (int64_t done = 0; done < piece.length;) {
         const std::size_t want = static_cast<std::size_t>(std::min<int64_t>(buffer.size(), piece.length - done));
         const ssize_t n = ::pread(piece.fd, buffer.data(), want, piece.offset + done);
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            readFailed_ = true;
-            break;
-        }
+        if (n <= 0) return false;
         sum_.update(buffer.data(), static_cast<std::size_t>(n));
         done += n;
     }
+    return true;
 }
 
 void BackgroundMd5::run() {
-    std::unique_lock<std::mutex> lock(mutex_);
+    MutexLock hold(mutex_);
     for (;;) {
-        changed_.wait(lock, [this] { return closing_ || !full_.empty(); });
+        while (!closing_ && full_.empty()) changed_.wait();
         if (full_.empty()) return;
         Piece piece = std::move(full_.front());
         full_.pop_front();
         busy_ = true;
-        lock.unlock();
-        if (piece.fd >= 0)
-            sumFile(piece);
-        else
+        const bool readBack = piece.fd >= 0 && !readFailed_;
+        hold.unlock();
+        bool read = true;
+        if (readBack)
+            read = sumFile(piece);
+        else if (piece.fd < 0)
             sum_.update(piece.bytes.data(), piece.bytes.size());
-        lock.lock();
+        hold.lock();
         busy_ = false;
+        readFailed_ = readFailed_ || !read;
         if (piece.fd < 0) free_.push_back(std::move(piece.bytes));
-        changed_.notify_all();
+        changed_.notifyAll();
     }
 }
 

@@ -1,18 +1,18 @@
 #ifndef VANTREL_COMMONS_CHECKSUM_H
 #define VANTREL_COMMONS_CHECKSUM_H
 
-#include <condition_variable>
 #include <cstdint>
 #include <cstddef>
 #include <deque>
 #include <istream>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <openssl/evp.h>
+
+#include "commons/mutex.h"
 
 namespace velmo {
 
@@ -41,13 +41,13 @@ public:
     BackgroundMd5(const BackgroundMd5&) = delete;
     BackgroundMd5& operator=(const BackgroundMd5&) = delete;
 
-    void update(const void* data, std::size_t length);
+    void update(const void* data, std::size_t length) EXCLUDES(mutex_);
     // The next length bytes of the sum are those of the open file fd from
     // offset on (read there; fd stays open until hex() returns).
-    void updateFromFile(int fd, int64_t offset, int64_t length);
+    void updateFromFile(int fd, int64_t offset, int64_t length) EXCLUDES(mutex_);
     // The sum of everything handed so far; the object is spent afterwards.
     // Exc<&StreamRead> when a file could not be read back.
-    std::string hex();
+    std::string hex() EXCLUDES(mutex_);
 
 private:
     struct Piece {
@@ -56,17 +56,22 @@ private:
         int64_t offset = 0;
         int64_t length = 0;
     };
-    void run();
-    void sumFile(const Piece& piece);
+    void run() EXCLUDES(mutex_);
+    // Sums a piece read back from its file; false when it could not be read.
+    bool sumFile(const Piece& piece);
 
-    Md5 sum_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<Piece> full_;
-    std::vector<std::vector<char>> free_;
-    bool closing_ = false;
-    bool busy_ = false;
-    bool readFailed_ = false;
+    Md5 sum_;  // the summing thread's, and hex()'s once it is idle
+
+    // State below is protected by mutex_: the pieces handed over in order,
+    // and the buffers free for more.
+    Mutex mutex_;
+    CondVar changed_{&mutex_};
+    std::deque<Piece> full_ GUARDED_BY(mutex_);
+    std::vector<std::vector<char>> free_ GUARDED_BY(mutex_);
+    bool closing_ GUARDED_BY(mutex_) = false;
+    bool busy_ GUARDED_BY(mutex_) = false;
+    bool readFailed_ GUARDED_BY(mutex_) = false;
+
     std::thread thread_;
 };
 

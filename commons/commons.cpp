@@ -5,7 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
+#include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <pwd.h>
@@ -17,6 +18,7 @@
 
 #include "commons/exceptions.h"
 #include "commons/local_files.h"
+#include "commons/mutex.h"
 #include "commons/session.h"
 #include "utils/read_configuration.h"
 
@@ -73,43 +75,42 @@ std::string getPath(const std::string& path) {
 }
 
 void getAdminIds(uid_t& uid, gid_t& gid) {
-    static bool warned = false;
-    errno = 0;
-    struct passwd* pw = getpwnam(KVA_ADMIN_USER);
-    uid = pw ? pw->pw_uid : 0;
-    gid = pw ? pw->pw_gid : 0;
-    if (pw == nullptr && !warned) {
-        warned = true;
-        runLog.warn("The account %s is missing (%s): files for the controlling process stay root's",
-                    KVA_ADMIN_USER, errno ? std::strerror(errno) : "no such user");
-    }
+    // Looked up once: the account does not change during a run, and threads
+    // that write files for it ask at once.
+    static const std::pair<uid_t, gid_t> ids = [] {
+        errno = 0;
+        struct passwd entry;
+        struct passwd* pw = nullptr;
+        std::vector<char> buffer(16384);
+        const int error = getpwnam_r(KVA_ADMIN_USER, &entry, buffer.data(), buffer.size(), &pw);
+        if (pw == nullptr)
+            runLog.warn("The account %s is missing (%s): files for the controlling process stay root's",
+                        KVA_ADMIN_USER, error ? std::strerror(error) : "no such user");
+        return pw ? std::make_pair(pw->pw_uid, pw->pw_gid) : std::make_pair(uid_t(0), gid_t(0));
+    }();
+    uid = ids.first;
+    gid = ids.second;
 }
 
 namespace {
 // Logins on several threads register their secrets while others log.
-std::mutex secretsMutex;
-std::vector<std::string>& secrets() {
-    static std::vector<std::string> list;
-    return list;
-}
-std::vector<std::string>& plainNames() {
-    static std::vector<std::string> list;
-    return list;
-}
+Mutex secretsMutex;
+std::vector<std::string> secretsList GUARDED_BY(secretsMutex);
+std::vector<std::string> plainNamesList GUARDED_BY(secretsMutex);
 // Shorter passwords are too likely to stand in ordinary text for a message
 // to be masked where they do.
 const std::size_t kMinMaskedInMessages = 6;
 }  // namespace
 
 void addPlainName(const std::string& name) {
-    std::lock_guard<std::mutex> lock(secretsMutex);
-    if (!name.empty()) plainNames().push_back(name);
+    MutexLock hold(secretsMutex);
+    if (!name.empty()) plainNamesList.push_back(name);
 }
 
 void addSecret(const std::string& secret) {
     if (secret.empty()) return;
-    std::lock_guard<std::mutex> lock(secretsMutex);
-    std::vector<std::string>& list = secrets();
+    MutexLock hold(secretsMutex);
+    std::vector<std::string>& list = secretsList;
     if (std::find(list.begin(), list.end(), secret) != list.end()) return;
     list.push_back(secret);
     // Longest first, so that a password containing another is masked whole.
@@ -119,11 +120,11 @@ void addSecret(const std::string& secret) {
 
 std::string maskSecrets(const std::string& text, bool inMessage) {
     std::string out = text;
-    std::lock_guard<std::mutex> lock(secretsMutex);
-    for (const std::string& secret : secrets()) {
+    MutexLock hold(secretsMutex);
+    for (const std::string& secret : secretsList) {
         if (inMessage) {
             if (secret.size() < kMinMaskedInMessages) continue;
-            const std::vector<std::string>& names = plainNames();
+            const std::vector<std::string>& names = plainNamesList;
             if (std::any_of(names.begin(), names.end(),
                             [&](const std::string& name) { return name.find(secret) != std::string::npos; }))
                 continue;

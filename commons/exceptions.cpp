@@ -4,6 +4,8 @@
 #include <boost/uuid/uuid_generators.hpp>
 #include <boost/uuid/uuid_io.hpp>
 
+#include "commons/mutex.h"
+
 Cloneable::~Cloneable() {}
 
 #define VELMO_TAG(name, code, format) const ExTag name = {code, format};
@@ -169,6 +171,9 @@ std::string newUUID() {
     // come from the system's random source, not from a generator seeded with
     // the time. A random UUID already has the "4"; its variant digit is one of
     // 8, 9, a, b and is pinned to "8".
+    // Failures come on the streams' threads too: one generator, one at a time.
+    static Mutex mutex;
+    MutexLock hold(mutex);
     static boost::uuids::random_generator generate;
     std::string id = boost::uuids::to_string(generate());
     id[19] = '8';

@@ -63,8 +63,8 @@ class CondVar {
 public:
     explicit CondVar(Mutex* mutex) : mutex_(mutex) {}
     // Waits until notified (or woken without cause: callers loop on their
-    // condition); the mutex is held again on return.
-    void wait() REQUIRES(*mutex_) {
+    // condition). The caller holds the mutex, and holds it again on return.
+    void wait() {
         std::unique_lock<std::mutex> held(mutex_->mutex_, std::adopt_lock);
         changed_.wait(held);
         held.release();

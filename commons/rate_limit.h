@@ -2,9 +2,11 @@
 #ifndef VANTREL_COMMONS_RATE_LIMIT_H
 #define VANTREL_COMMONS_RATE_LIMIT_H
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
-#include <mutex>
+
+#include "commons/mutex.h"
 
 namespace velmo {
 
@@ -13,21 +15,23 @@ namespace velmo {
 // fills as time passes. Without a rate, everything may move at once.
 class RateLimit {
 public:
-    static void set(long long bytesPerSecond);  // 0: no cap
+    static void set(long long bytesPerSecond) EXCLUDES(mutex_);  // 0: no cap
     static long long rate() { return rate_; }
     // How many of want bytes may move now; 0 until a useful amount may.
-    static std::size_t allow(std::size_t want);
-    static void spend(std::size_t bytes);
+    static std::size_t allow(std::size_t want) EXCLUDES(mutex_);
+    static void spend(std::size_t bytes) EXCLUDES(mutex_);
     // Milliseconds until bytes may move again; 0 when they may now.
-    static long wait();
+    static long wait() EXCLUDES(mutex_);
 
 private:
-    static void refill();
+    static void refill() REQUIRES(mutex_);
 
-    static long long rate_;  // set before any connection is made
-    static double tokens_;
-    static std::chrono::steady_clock::time_point filled_;
-    static std::mutex mutex_;  // connections serviced on threads of their own share the bucket
+    static std::atomic<long long> rate_;  // set before any connection is made
+    // The bucket below is protected by mutex_: connections serviced on
+    // threads of their own share it.
+    static Mutex mutex_;
+    static double tokens_ GUARDED_BY(mutex_);
+    static std::chrono::steady_clock::time_point filled_ GUARDED_BY(mutex_);
 };
 
 }  // namespace velmo

@@ -182,24 +182,6 @@ CommandResult Action::run(const CommandOptions& how, const std::string& command,
     return result;
 }
 
-int Action::execRoot(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
-                     bool quietOutput, bool quietInput) {
-    CommandOptions how(agentDir());
-    how.asRoot();
-    how.logOutput = !quietOutput;
-    how.logInput = !quietInput;
-    IOStreamReadChannel input(in);
-    IOStreamWriteChannel output(out);
-    const CommandResult result = run(how, command, input, output);
-    err << result.errors;
-    return result.status;
-}
-
-int Action::execRoot(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput) {
-    std::istringstream empty;
-    return execRoot(command, empty, out, err, quietOutput, false);
-}
-
 void Action::takeFile(const std::string& remotePath) {
     if (!cfg->useSudo) return;
     const CommandResult result = run(CommandOptions(agentDir()).asRoot(), commandLine({"chown", cfg->login, remotePath}));

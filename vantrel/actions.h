@@ -58,13 +58,6 @@ public:
     // in the login's home directory, which is asked for once.
     const std::string& agentDir();
 
-    // Runs command in a fresh sh inside the agent directory (the login's
-    // home when there is none), as root through sudo when --sudo-password is
-    // given (see run).
-    int execRoot(const std::string& command, std::istream& in, std::ostream& out, std::ostream& err,
-                 bool quietOutput, bool quietInput);
-    int execRoot(const std::string& command, std::ostream& out, std::ostream& err, bool quietOutput);
-
     // What the commands of this action need to know of the run.
     CommandContext& commandContext() { return commands_; }
 

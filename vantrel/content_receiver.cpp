@@ -85,20 +85,20 @@ ContentReceiver::Take ContentReceiver::take(Unit& unit) {
     return Take::nothing;
 }
 
-void ContentReceiver::open(MutexLock& held, std::size_t i) {
+void ContentReceiver::open(std::size_t i) {
+    MutexLock hold(mutex_);
     const Archive archive = archives_[i];
-    states_[i].opening = true;
-    held.unlock();
+    hold.unlock();
     std::unique_ptr<ArchiveWriter> writer;
     try {
         writer.reset(new ArchiveWriter(archive.dir, getFileNameFromPath(archive.record->name), archive.record->size,
                                        archive.from));
     } catch (...) {
-        held.lock();
+        hold.lock();
         states_[i].opening = false;
         throw;
     }
-    held.lock();
+    hold.lock();
     states_[i].writer = std::move(writer);
     states_[i].next = archive.from;
     states_[i].opening = false;
@@ -145,22 +145,24 @@ bool ContentReceiver::doneFirst(int s) const {
 std::string ContentReceiver::nextRequests(int s) {
     std::string requests;
     std::vector<std::size_t> started;
-    {
+    for (;;) {
         MutexLock hold(mutex_);
         Unit unit;
+        Take taken = Take::nothing;
         while (onWay_[s].size() < kMostOnWay && bytesOnWay_[s] < enoughOnWay(s) && doneFirst(s)) {
-            const Take taken = take(unit);
-            if (taken == Take::opening) {
-                open(hold, unit.archive);
-                started.push_back(unit.archive);
-                continue;
-            }
+            taken = take(unit);
             if (taken != Take::unit) break;
             onWay_[s].push_back(unit);
             bytesOnWay_[s] += unit.length;
             requests += std::to_string(unit.offset) + " " + std::to_string(unit.length) + " " +
                         archives_[unit.archive].record->name + '\0';
         }
+        if (taken != Take::opening) break;
+        // Its writer is made without the lock; the others skip it meanwhile.
+        states_[unit.archive].opening = true;
+        hold.unlock();
+        open(unit.archive);
+        started.push_back(unit.archive);
     }
     if (events_.started)
         for (const std::size_t i : started) events_.started(i);

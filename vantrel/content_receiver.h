@@ -98,8 +98,9 @@ private:
     // opened by the caller first; busy: another stream opens the next one.
     enum class Take { unit, opening, busy, nothing };
     Take take(Unit& unit) REQUIRES(mutex_);
-    // Makes the writer of archive i without the lock.
-    void open(MutexLock& held, std::size_t i) REQUIRES(mutex_);
+    // Makes the writer of archive i, which take() marked as opening,
+    // without the lock.
+    void open(std::size_t i) EXCLUDES(mutex_);
     // How much of an archive the next piece takes, and how much stream s
     // keeps on its way: what it brings in two round trips.
     int64_t pieceSize() const REQUIRES(mutex_);

@@ -93,8 +93,9 @@ class SampleContentTest(ContentCase):
         self.assertEqual(sorted(lefts, reverse=True), lefts)
         self.assertGreater(lefts[0], size // 2, lefts)
         # Once the archive starts a plain build grows by about 9 MiB (the streams' windows and
-        # buffers), one under ASan by about 17: far from the archive's 300.
-        self.assertLess(run.peak_kib - start, 24 * 1024, (start, run.peak_kib))
+        # buffers), one under ASan by about 17: far from the archive's 300. (Not under ThreadSanitizer.)
+        if not h.THREAD_SANITIZER:
+            self.assertLess(run.peak_kib - start, 24 * 1024, (start, run.peak_kib))
         self.assertArrived([archive], s.path, self.agent_dir)
 
 
