@@ -177,11 +177,12 @@ void Session::checkConnection(const char* step) {
 
 void Session::endLoginTimeout() {
     loginLimited_ = false;
-    boundWaits(false);
+    boundWaits(Waits::working);
 }
 
-void Session::boundWaits(bool leaving) {
-    if (!loginLimited_) libssh2_session_set_timeout(get(), leaving ? kLeavingTimeoutMs : kProtocolTimeoutMs);
+void Session::boundWaits(Waits waits) {
+    if (!loginLimited_)
+        libssh2_session_set_timeout(get(), waits == Waits::leaving ? kLeavingTimeoutMs : kProtocolTimeoutMs);
 }
 
 std::string Session::lastError() const {

@@ -104,7 +104,8 @@ public:
     void setBlocking(bool blocking) { libssh2_session_set_blocking(get(), blocking ? 1 : 0); }
     // How long a blocking call of the library waits for the peer once logged
     // in: two minutes, or a few seconds while leaving after a failure.
-    void boundWaits(bool leaving);
+    enum class Waits { working, leaving };
+    void boundWaits(Waits waits);
     // What the library waits for on the socket: POLLIN, POLLOUT or both.
     short pollEvents() const;
     // Whether the library holds a packet it could only partly send: the call

@@ -543,9 +543,9 @@ void Ssh::abandon(RemoteCommand& command) {
         // Closed without waiting long for a peer that may be gone, or for a
         // command that does not end.
         session_->setBlocking(true);
-        session_->boundWaits(true);
+        session_->boundWaits(libssh2pp::Session::Waits::leaving);
         command.channel_.reset();
-        session_->boundWaits(false);
+        session_->boundWaits(libssh2pp::Session::Waits::working);
     }
     command.channel_.reset();
     command.ssh_ = nullptr;

@@ -1,5 +1,6 @@
 #include "commons/socket.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <iostream>
@@ -79,7 +80,9 @@ addrinfo* Socket::gethostbyname(const std::string& host, unsigned short port) {
     if (code == 0)
         return list;
     const std::string reason = gai_strerror(code);
-    std::cerr << "Unable to resolve " << host << ": " << reason << std::endl;
+    // Once a run, however many of its connections try.
+    static std::atomic<bool> told(false);
+    if (!told.exchange(true)) std::cerr << "Unable to resolve " << host << ": " << reason << std::endl;
     throw VELMO_EXC(HostNotFound) % host % reason;
 }
 

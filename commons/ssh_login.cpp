@@ -62,9 +62,10 @@ void Ssh::logIn(const std::string& host, unsigned short port, const libssh2pp::C
     logger.debugStream() << "SSH handshake and authentication may take up to " << limitMs / 1000 << " s";
     // The session knows the peer by its address only: failures name it as
     // the caller did.
-    const auto startSession = [&](bool compatibilityMode, long timeoutMs) {
+    enum class Mode { usual, compatibility };
+    const auto startSession = [&](Mode mode, long timeoutMs) {
         try {
-            session_.reset(new libssh2pp::Session(socket_->fd(), disableEncryption, compatibilityMode, timeoutMs));
+            session_.reset(new libssh2pp::Session(socket_->fd(), disableEncryption, mode == Mode::compatibility, timeoutMs));
         } catch (const Exc<&ConnectionTimedOut>&) {
             throw VELMO_EXC(ConnectionTimedOut) % host;
         } catch (const Exc<&ConnectionFault>&) {
@@ -73,7 +74,7 @@ void Ssh::logIn(const std::string& host, unsigned short port, const libssh2pp::C
     };
     socket_.reset(new Socket(host, port, connectLimit));
     try {
-        startSession(false, limitMs);
+        startSession(Mode::usual, limitMs);
     } catch (const ExTraceable& e) {
         // A peer that refused the handshake may be an old one that wants the
         // old key exchange. (One that dropped the connection is tried again
@@ -90,7 +91,7 @@ void Ssh::logIn(const std::string& host, unsigned short port, const libssh2pp::C
         const long spentMs = static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
             std::chrono::steady_clock::now() - start).count());
         if (spentMs >= limitMs) throw VELMO_EXC(ConnectionTimedOut) % host;
-        startSession(true, limitMs - spentMs);
+        startSession(Mode::compatibility, limitMs - spentMs);
     }
     try {
         // Nothing of the login goes to a host that is not the one of the

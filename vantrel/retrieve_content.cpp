@@ -140,19 +140,10 @@ void RetrieveContentAction::execute() {
     }
 }
 
-void RetrieveContentAction::retrieve() {
-    uid_t uid;
-    gid_t gid;
-    getAdminIds(uid, gid);
-
-    status->setAgentParams(cfg->host);
-    status->setTransferDump();
-    status->saveFile();
-
+std::unique_ptr<AgentFileList> RetrieveContentAction::listContent(ContentStreams& streams) {
     boost::shared_ptr<Agent> agent = theAgentsFactory().getAgent(cfg->agentName);
     CommandResult listed;
-    SourceRemoval removal(*this);
-    ContentStreams streams(*this, removal);
+    // The streams get ready while the source host makes the list.
     streams.prepare();
     reconnecting("The content list", [&] {
         streams.firstConnected();
@@ -162,8 +153,21 @@ void RetrieveContentAction::retrieve() {
     });
     reconnects().progressed();
     if (listed.status != 0) throw VELMO_EXC(CantRetrieveContentList) % listed.errors;
+    return getFileList(listed.output);
+}
 
-    std::unique_ptr<AgentFileList> list = getFileList(listed.output);
+void RetrieveContentAction::retrieve() {
+    uid_t uid;
+    gid_t gid;
+    getAdminIds(uid, gid);
+
+    status->setAgentParams(cfg->host);
+    status->setTransferDump();
+    status->saveFile();
+
+    SourceRemoval removal(*this);
+    ContentStreams streams(*this, removal);
+    std::unique_ptr<AgentFileList> list = listContent(streams);
     const std::vector<DumpFile>& records = list->getFileList();
     const uint64_t total = list->getTotalSize();
     // Every name is checked before anything is written.

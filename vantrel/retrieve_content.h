@@ -8,11 +8,16 @@
 #ifndef VANTREL_RETRIEVE_CONTENT_H
 #define VANTREL_RETRIEVE_CONTENT_H
 
+#include <memory>
+
 #include "commons/local_files.h"
 #include "vantrel/actions.h"
 #include "vantrel/content_names.h"
 
 namespace velmo {
+
+class AgentFileList;
+class ContentStreams;
 
 class RetrieveContentAction : public Action {
 public:
@@ -25,6 +30,8 @@ public:
 
 private:
     void retrieve();
+    // Asks the agent for its content list while the streams get ready.
+    std::unique_ptr<AgentFileList> listContent(ContentStreams& streams);
 
     Directory contentDir_;
 };
