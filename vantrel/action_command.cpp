@@ -36,7 +36,10 @@ const char* const kWaitForGo = "{ IFS= read -r go && [ \"$go\" = go ] || exit 1;
 // host has perl, as they are where it has none.
 std::string endingWithRun(const std::string& command) {
     std::vector<std::string> words = perlRunning(remote::watchdog);
-    words.insert(words.begin(), {"sh", "-c", "command -v perl >/dev/null 2>&1 && exec \"$0\" \"$@\"; shift 4; exec \"$@\""});
+    // Without perl, the loader's words (all but the first: "$0") go.
+    const std::string loaderWords = std::to_string(words.size() - 1);
+    words.insert(words.begin(), {"sh", "-c", "command -v perl >/dev/null 2>&1 && exec \"$0\" \"$@\"; shift " +
+                                                 loaderWords + "; exec \"$@\""});
     return commandLine(words) + " " + command;
 }
 

@@ -20,8 +20,10 @@ extern const char stream_relay[];
 }  // namespace remote
 
 // The words of a command line that runs program in the source host's perl,
-// followed by the program's own arguments: the text travels in base64, which
-// no shell on the way alters or needs to quote.
+// followed by the program's own arguments: the text travels in hexadecimal
+// digits, which no shell on the way alters or needs to quote, and which any
+// perl reads without a module (a base64 decoder needs MIME::Base64, not in
+// perl-base, or unpack "m", which not every perl takes).
 std::vector<std::string> perlRunning(const char* program);
 }  // namespace velmo
 

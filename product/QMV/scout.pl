@@ -1,11 +1,11 @@
 # The scout: a probe of the source host. It is fed to a remote "perl" on
 # standard input (no file is left on the host) and prints an XML report of
 # basic facts on standard output. It only reads, and always exits 0: a fact
-# that cannot be found is reported empty or left out.
+# that cannot be found is reported empty or left out. It runs on Perl 5.8
+# with the modules of perl-base alone.
 use strict;
 use warnings;
 use POSIX qw(uname);
-use Sys::Hostname qw(hostname);
 
 my $SCOUT_VERSION = '1.0';
 
@@ -71,7 +71,7 @@ sub count_accounts {
 
 sub find_program {
     my ($name) = @_;
-    my @dirs = (split(/:/, $ENV{PATH} // ''), qw(/usr/local/bin /usr/bin /bin /usr/sbin /sbin));
+    my @dirs = (split(/:/, defined $ENV{PATH} ? $ENV{PATH} : ''), qw(/usr/local/bin /usr/bin /bin /usr/sbin /sbin));
     for my $dir (@dirs) {
         next if $dir eq '';
         return "$dir/$name" if -f "$dir/$name" && -x _;
@@ -83,11 +83,12 @@ my ($sysname, $nodename, $release, $version, $machine) = uname();
 my $os = os_release();
 my %disk = disk_space('/');
 my ($accounts, $user_accounts) = count_accounts();
-my $login = getpwuid($<) // '';
+my $login = getpwuid($<);
+$login = '' unless defined $login;
 
 my $report = qq{<?xml version="1.0" encoding="UTF-8"?>\n};
 $report .= '<scout' . attrs(version => $SCOUT_VERSION, time => time) . ">\n";
-$report .= '  <hostname>' . xml_escape(hostname()) . "</hostname>\n";
+$report .= '  <hostname>' . xml_escape($nodename) . "</hostname>\n";
 $report .= '  <kernel' . attrs(name => $sysname, release => $release, version => $version, machine => $machine) . "/>\n";
 $report .= '  <os' . attrs(id => $os->{ID}, version => $os->{VERSION_ID}, name => $os->{PRETTY_NAME}) . "/>\n";
 $report .= '  <perl' . attrs(version => sprintf('%vd', $^V), path => $^X) . "/>\n";

@@ -31,9 +31,9 @@ class ExitCodeTest(h.Case):
         self.assertFalse(os.path.exists(s.path))
         # Options that do not fit the action: the reason is in the log only.
         for args, password, env in ((["--send-scout", "--host=h", "--login=l"], None, {}),
-                                    (["--remove-dumping-status"], "pw", {}),
-                                    (["--send-scout", "--host=h", "--login=l"], "pw", {"KVA_BWLIMIT": "0"}),
-                                    (["--send-scout", "--host=h", "--login=l"], "pw", {"KVA_BWLIMIT": "8X"})):
+                                    (["--remove-dumping-status"], "pw!9", {}),
+                                    (["--send-scout", "--host=h", "--login=l"], "pw!9", {"KVA_BWLIMIT": "0"}),
+                                    (["--send-scout", "--host=h", "--login=l"], "pw!9", {"KVA_BWLIMIT": "8X"})):
             s = self.session()
             r = self.run_raw(args + ["--session-path", s.path], s, password=password, env=env)
             self.assertEqual((1, b"", b""), (r.code, r.out, r.err), r)

@@ -120,11 +120,27 @@ class RemoteProgramTest(unittest.TestCase):
     """The programs vantrel sends to the source host (vantrel/remote), run here."""
     PROGRAMS = os.path.join(h.SOURCE, "vantrel", "remote")
 
-    def test_programs_compile_without_warnings(self):
-        for name in sorted(os.listdir(self.PROGRAMS)):
-            if name.endswith(".pl"):
-                r = subprocess.run(["perl", "-c", "-w", os.path.join(self.PROGRAMS, name)], capture_output=True)
+    def test_what_goes_to_a_source_host_compiles_on_perl_5_8_with_perl_base_alone(self):
+        # Source hosts run Perl 5.8.8 (CentOS 5), or only Debian's perl-base: perlver for the syntax,
+        # perl-base's own list for the modules (test_source_hosts runs them on such a host).
+        base = {re.sub(r".*/perl-base/", "", p) for p in subprocess.run(
+            ["dpkg", "-L", "perl-base"], capture_output=True, text=True, check=True).stdout.split() if p.endswith(".pm")}
+        files = [os.path.join(self.PROGRAMS, n) for n in sorted(os.listdir(self.PROGRAMS)) if n.endswith(".pl")]
+        files += [os.path.join(h.SOURCE, "product", "QMV", "scout.pl"), os.path.join(AGENTS, "sample", "sample-agent.pl"),
+                  os.path.join(AGENTS, "shared", "lib", "Vantrel", "Sample.pm")]
+        for path in files:
+            name = os.path.basename(path)
+            if path.endswith(".pl"):
+                r = subprocess.run(["perl", "-I", os.path.join(AGENTS, "shared", "lib"), "-c", "-w", path],
+                                   capture_output=True)
                 self.assertEqual((0, b"%s syntax OK\n" % name.encode()), (r.returncode, os.path.basename(r.stderr)))
+            version = re.search(r"Minimum version of perl\s*:\s*v5\.(\d+)", subprocess.run(
+                ["perlver", path], capture_output=True, text=True).stdout)
+            self.assertLessEqual(int(version.group(1)), 8, name)
+            with open(path) as f:
+                modules = re.findall(r"^\s*(?:use|require)\s+([A-Za-z][\w:]*)", f.read(), re.M)
+            self.assertEqual([], [m for m in modules if not m.startswith("Vantrel::")
+                                  and m.replace("::", "/") + ".pm" not in base], name)
 
     def test_remover_follows_no_link_out_of_the_agent_directory(self):
         top = tempfile.mkdtemp(prefix="vantrel-remover.")

@@ -188,6 +188,17 @@ def kill_tree(pid):
             os.kill(p, signal.SIGKILL)
 
 
+def _perl_base_alone():
+    """A prefix that runs a command in a private mount namespace where every directory of perl's @INC but
+    perl-base's own is hidden under an empty one."""
+    empty = os.path.join(SUPPORT, "empty")
+    os.makedirs(empty, 0o755, exist_ok=True)
+    inc = subprocess.run(["perl", "-e", "print join qq(\\n), @INC"], capture_output=True, text=True, check=True)
+    hidden = [d for d in inc.stdout.split("\n") if os.path.isdir(d) and not d.rstrip("/").endswith("perl-base")]
+    script = 'e=$1; shift; while [ "$1" != -- ]; do mount --bind "$e" "$1" || exit 1; shift; done; shift; exec "$@"'
+    return ["unshare", "--mount", "--propagation", "private", "sh", "-c", script, "sh", empty] + hidden + ["--"]
+
+
 class SshServer:
     """A private sshd on 127.0.0.1 (or host). Variants: "default" (password,
     keyboard-interactive and the keys of LOGIN_KEYS), "kbdint" (keyboard-
@@ -203,11 +214,14 @@ class SshServer:
                 "MACs hmac-sha2-256-etm@openssh.com,hmac-sha2-512-etm@openssh.com,umac-128-etm@openssh.com",
                 "HostKeyAlgorithms ssh-ed25519,ssh-ed25519-cert-v01@openssh.com,rsa-sha2-512,rsa-sha2-256"]
 
-    def __init__(self, variant="default", log_level="VERBOSE", key=None, host=HOST, netns=None, max_startups="200"):
+    def __init__(self, variant="default", log_level="VERBOSE", key=None, host=HOST, netns=None, max_startups="200",
+                 minimal_perl=False):
         """host: the address to listen on; netns: the path of a network namespace to run in (bench/linklib.py);
-        max_startups: sshd's MaxStartups (None: its default, 10:30:100)."""
+        max_startups: sshd's MaxStartups (None: its default, 10:30:100); minimal_perl: everything under this
+        sshd (sudo's root included) sees perl-base's modules alone, as on a minimal Debian or Ubuntu host."""
         self.variant, self.log_level, self.host, self.proc, self.key, self.netns, self.max_startups = \
             variant, log_level, host, None, key, netns, max_startups
+        self.minimal_perl = minimal_perl
 
     def start(self):
         os.makedirs("/run/sshd", 0o755, exist_ok=True)
@@ -227,6 +241,7 @@ class SshServer:
                     "Subsystem sftp internal-sftp", ""]))   # for scp, in the benchmarks
             with open(self.log, "ab") as log:
                 self.proc = subprocess.Popen((["nsenter", "--net=" + self.netns] if self.netns else []) +
+                                             (_perl_base_alone() if self.minimal_perl else []) +
                                              ["/usr/sbin/sshd", "-D", "-e", "-f", f.name], stdin=subprocess.DEVNULL,
                                              stdout=log, stderr=log)
             deadline = time.monotonic() + 10

@@ -10,7 +10,8 @@ use Cwd qw(getcwd);
 
 binmode STDIN;
 binmode STDOUT;
-my $top = getcwd() // die "vantrel: no working directory: $!\n";
+my $top = getcwd();
+defined $top or die "vantrel: no working directory: $!\n";
 my @names = do { local $/ = "\0"; <STDIN> };
 NAME: for my $name (@names) {
     chop $name;

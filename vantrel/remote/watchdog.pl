@@ -4,26 +4,29 @@
 # a command that neither reads nor writes would otherwise live on for good.
 # The command's exit status is passed on (128 + the signal that ended it).
 # The command's end wakes the wait at once, through a pipe that the SIGCHLD
-# handler writes to, so that its status goes back without delay.
+# handler writes to, so that its status goes back without delay. It runs on
+# Perl 5.8 with the modules of perl-base alone.
 use strict;
 use warnings;
-use IO::Poll qw(POLLIN POLLERR POLLHUP);
 use POSIX qw(WNOHANG);
 
 pipe(my $woken, my $wake) or die "vantrel: pipe: $!\n";
 $SIG{CHLD} = sub { syswrite($wake, "x") };
-my $pid = fork() // die "vantrel: fork: $!\n";
+my $pid = fork();
+defined $pid or die "vantrel: fork: $!\n";
 if ($pid == 0) {
     setpgrp(0, 0);
     exec { $ARGV[0] } @ARGV or die "vantrel: cannot run $ARGV[0]: $!\n";
 }
-my $poll = IO::Poll->new;
-$poll->mask(\*STDOUT => POLLERR);
-$poll->mask($woken => POLLIN);
+# The write end of a pipe whose reader went away shows as readable (an
+# error) to select.
+my $watched = '';
+vec($watched, fileno($woken), 1) = 1;
+vec($watched, fileno(STDOUT), 1) = 1;
 while (waitpid($pid, WNOHANG) == 0) {
-    $poll->poll(5);
-    sysread($woken, my $ignored, 64) if $poll->events($woken);
-    next unless $poll->events(\*STDOUT) & (POLLERR | POLLHUP);
+    next if select(my $ready = $watched, undef, undef, 5) <= 0;
+    sysread($woken, my $ignored, 64) if vec($ready, fileno($woken), 1);
+    next unless vec($ready, fileno(STDOUT), 1);
     kill 'TERM', -$pid;
     for (1 .. 20) {
         last if waitpid($pid, WNOHANG) != 0;

@@ -30,19 +30,22 @@
 #   content_size=N   adds N bytes of random data to every archive
 #
 # Exit codes: 0 done, 1 the work failed, 2 bad arguments, 3 failure asked for.
+#
+# It runs on Perl 5.8 with the modules of perl-base alone (and tar, gzip and
+# md5sum), as the source hosts of a migration may have no more.
 use strict;
 use warnings;
-use FindBin;
-use lib "$FindBin::Bin/lib";
-use File::Find;
-use File::Path qw(make_path remove_tree);
-use Sys::Hostname;
-use Time::HiRes qw(time sleep);
+use Cwd qw(abs_path);
+use File::Basename qw(dirname);
+use File::Path qw(mkpath rmtree);
+use POSIX qw(uname);
+my $AGENT_DIR;
+BEGIN { $AGENT_DIR = dirname(abs_path($0)) }
+use lib "$AGENT_DIR/lib";
 use Vantrel::Sample qw(read_settings xml_escape xml_attrs write_atomic md5_file iso_time
-                       load_host agents_version);
+                       load_host agents_version files_below);
 
 my $AGENT       = 'sample';
-my $AGENT_DIR   = $FindBin::Bin;
 my $STATUS_FILE = 'dumping-status.xml';
 my $DUMP_FILE   = 'dump.xml';
 my $CONTENT_DIR = 'content';
@@ -116,19 +119,15 @@ sub print_content_list {
         while (<$fh>) { chomp; my ($size, $path) = split /\t/, $_, 2; $unpacked{$path} = $size if defined $path; }
         close $fh;
     }
-    my @archives;
-    if (-d $CONTENT_DIR) {
-        find({ no_chdir => 1, wanted => sub {
-            my $name = $File::Find::name;
-            (my $base = $name) =~ s{.*/}{};
-            push @archives, $name if -f $name && $base !~ /^\./ && $base =~ /\.(tar\.gz|tgz|tar)\z/;
-        } }, $CONTENT_DIR);
-    }
+    my @archives = grep {
+        (my $base = $_) =~ s{.*/}{};
+        $base !~ /^\./ && $base =~ /\.(tar\.gz|tgz|tar)\z/;
+    } files_below($CONTENT_DIR);
     my ($total, $total_unpacked, $body) = (0, 0, '');
     for my $path (sort @archives) {
         my $size = -s $path;
         $total += $size;
-        $total_unpacked += $unpacked{$path} // $size;
+        $total_unpacked += defined $unpacked{$path} ? $unpacked{$path} : $size;
         $body .= '  <file' . xml_attrs(size => $size, md5sum => md5_file($path)) . '>'
             . xml_escape($path) . "</file>\n";
     }
@@ -154,14 +153,17 @@ sub write_status {
 # Sleeps for the given seconds, rewriting the status at least every second.
 sub wait_with_status {
     my ($seconds, @status) = @_;
-    my $until = time + $seconds;
-    while ((my $left = $until - time) > 0) {
-        sleep($left < 0.5 ? $left : 0.5);
+    for (my $left = $seconds; $left > 0; $left -= 0.5) {
+        select(undef, undef, undef, $left < 0.5 ? $left : 0.5);
         write_status(@status);
     }
 }
 
-sub split_list { return grep { $_ ne '' } map { s/^\s+|\s+\z//gr } split /,/, $_[0] // ''; }
+sub split_list {
+    my @names = split /,/, defined $_[0] ? $_[0] : '';
+    s/^\s+|\s+\z//g for @names;
+    return grep { $_ ne '' } @names;
+}
 
 sub read_line {
     my $line = <STDIN>;
@@ -209,24 +211,23 @@ sub pack_domain {
     return () unless @members || $pad > 0;
 
     my $unpacked = 0;
-    find({ no_chdir => 1, wanted => sub { $unpacked += -s $_ if -f $_ } },
-         map { "$info->{dir}/$_" } @members) if @members;
+    $unpacked += -s $_ for map { files_below("$info->{dir}/$_") } @members;
 
     my $dir = "$CONTENT_DIR/$info->{client}";
-    make_path($dir);
+    mkpath($dir);
     my $archive = "$dir/$domain" . ($flag{'no-compress'} ? '.tar' : '.tar.gz');
     my $tmp = "$dir/.$domain.tmp";
     my @tar = ('tar', ($flag{'no-compress'} ? '-cf' : '-czf'), $tmp);
     push @tar, '-C', $info->{dir}, @members if @members;
     my $work = ".work.$$";
     if ($pad > 0) {
-        make_path($work);
+        mkpath($work);
         write_padding("$work/padding.bin", $pad);
         push @tar, '-C', "$AGENT_DIR/$work", 'padding.bin';
         $unpacked += $pad;
     }
     my $rc = system @tar;
-    remove_tree($work) if $pad > 0;
+    rmtree($work) if $pad > 0;
     die "tar failed for $domain (status $rc)\n" if $rc != 0;
     rename $tmp, $archive or die "cannot rename $tmp: $!\n";
     return ($archive, $unpacked);
@@ -272,7 +273,7 @@ sub dump_host {
         }
         my $host = load_host($settings->{data});
         my ($resellers, $clients, $domains, $missing) = select_objects($host);
-        remove_tree($CONTENT_DIR) if -e $CONTENT_DIR;
+        rmtree($CONTENT_DIR) if -e $CONTENT_DIR;
         unlink $MANIFEST;
 
         my $steps = @$domains;
@@ -305,7 +306,7 @@ sub dump_document {
     my ($host, $resellers, $clients, $domains, $missing, $archive, $source, $rsync) = @_;
     my $xml = $XML_DECL . '<migration-dump'
         . xml_attrs(agent => $AGENT, 'agent-version' => agents_version($AGENT_DIR),
-                    created => iso_time(), 'source-host' => hostname()) . ">\n";
+                    created => iso_time(), 'source-host' => (uname())[1]) . ">\n";
     $xml .= "  <arguments>\n";
     $xml .= '    <argument>' . xml_escape($_) . "</argument>\n" for @ARGV;
     $xml .= "  </arguments>\n";
@@ -336,9 +337,9 @@ sub dump_document {
     }
     $xml .= "  </objects>\n";
     $xml .= '  <not-found' . xml_attrs(type => $_->[0], name => $_->[1]) . "/>\n" for @$missing;
-    $xml .= '  <server' . xml_attrs(hostname => hostname(), license => $flag{'no-license'} ? 'omitted' : 'included')
+    $xml .= '  <server' . xml_attrs(hostname => (uname())[1], license => $flag{'no-license'} ? 'omitted' : 'included')
         . "/>\n" if $flag{server};
-    $xml .= '  <admin-info' . xml_attrs(map { $_ => $host->{admin}{$_} // '' } qw(name email)) . "/>\n"
+    $xml .= '  <admin-info' . xml_attrs(map { $_ => defined $host->{admin}{$_} ? $host->{admin}{$_} : '' } qw(name email)) . "/>\n"
         if $flag{'admin-info'};
     $xml .= "</migration-dump>\n";
     return $xml;

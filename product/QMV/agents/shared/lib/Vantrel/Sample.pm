@@ -1,14 +1,14 @@
 package Vantrel::Sample;
 # Helpers shared by the sample agent: its settings file, XML output, atomic
-# file writes, the dumping status file and the sample hosting data.
+# file writes, the dumping status file and the sample hosting data. Perl 5.8
+# with the modules of perl-base alone.
 use strict;
 use warnings;
-use Digest::MD5;
 use POSIX qw(strftime);
 use Exporter 'import';
 
 our @EXPORT_OK = qw(read_settings xml_escape xml_attrs write_atomic md5_file iso_time
-                    read_profile load_host agents_version);
+                    read_profile load_host agents_version files_below);
 
 my %DEFAULTS = (
     data         => '/var/lib/vantrel-sample-host',
@@ -78,15 +78,32 @@ sub write_atomic {
     rename $tmp, $path or die "cannot rename $tmp to $path: $!\n";
 }
 
+# By md5sum: Digest::MD5 is not in perl-base, and a sum in Perl alone would
+# take minutes for an archive of a few hundred megabytes.
 sub md5_file {
     my ($path) = @_;
-    open my $fh, '<:raw', $path or die "cannot read $path: $!\n";
-    my $digest = Digest::MD5->new->addfile($fh)->hexdigest;
-    close $fh;
-    return lc $digest;
+    open my $sum, '-|', 'md5sum', '--', $path or die "cannot run md5sum: $!\n";
+    my $line = <$sum>;
+    close $sum;
+    die "cannot sum $path\n" unless defined $line && $line =~ /^([0-9a-fA-F]{32})\s/;
+    return lc $1;
 }
 
-sub iso_time { return strftime('%Y-%m-%dT%H:%M:%SZ', gmtime(shift // time)); }
+sub iso_time {
+    my ($when) = @_;
+    return strftime('%Y-%m-%dT%H:%M:%SZ', gmtime(defined $when ? $when : time));
+}
+
+# The plain files below $path (or $path itself), not through links.
+sub files_below {
+    my ($path) = @_;
+    return ($path) if -f $path && !-l $path;
+    return () if -l $path || !-d _;
+    opendir my $dh, $path or return ();
+    my @names = grep { $_ ne '.' && $_ ne '..' } readdir $dh;
+    closedir $dh;
+    return map { files_below("$path/$_") } sort @names;
+}
 
 sub read_profile {
     my ($file) = @_;
@@ -118,7 +135,7 @@ sub load_host {
     $host{resellers}{$_} = read_profile("$root/resellers/$_/profile") for list_dirs("$root/resellers");
     for my $client (list_dirs("$root/clients")) {
         my $profile = read_profile("$root/clients/$client/profile");
-        $profile->{reseller} //= '';
+        $profile->{reseller} = '' unless defined $profile->{reseller};
         $host{clients}{$client} = $profile;
         for my $domain (list_dirs("$root/clients/$client/domains")) {
             my $dir = "$root/clients/$client/domains/$domain";
@@ -135,7 +152,8 @@ sub load_host {
 sub agents_version {
     my ($agent_dir) = @_;
     open my $fh, '<', "$agent_dir/VERSION" or return 'unknown';
-    my $version = <$fh> // 'unknown';
+    my $version = <$fh>;
+    $version = 'unknown' unless defined $version;
     close $fh;
     $version =~ s/\s+\z//;
     return $version;
