@@ -18,6 +18,7 @@
 #include "commons/exceptions.h"
 #include "commons/key_type.h"
 #include "commons/socket.h"
+#include "commons/stop.h"
 
 namespace velmo {
 namespace libssh2pp {
@@ -44,6 +45,8 @@ static const long kProtocolTimeoutMs = 120 * 1000;
 // channel after a failure or a stop request.
 static const long kCloseTimeoutMs = 5000;
 static const long kLeavingTimeoutMs = 3000;
+// How often a login that waits for the peer looks at the stop flag.
+static const long kLoginLookMs = 100;
 
 void qmv_libssh2_channel_free(LIBSSH2_CHANNEL* channel) {
     (void)libssh2_channel_free(channel);
@@ -108,11 +111,8 @@ Session::Session(int socket, bool disableEncryption, bool compatibilityMode, lon
     if (compatibilityMode)
         (void)libssh2_session_method_pref(session, LIBSSH2_METHOD_KEX, "diffie-hellman-group1-sha1");
 
-    armLoginTimeout("handshake");
-    const int rc = libssh2_session_handshake(session, socket);
+    const int rc = waitFor("handshake", [session, socket] { return libssh2_session_handshake(session, socket); });
     if (rc != 0) {
-        // A peer that says nothing is not one to retry in another mode.
-        checkLoginTimeout("handshake");
         const std::string reason = lastError();
         sessionLogger.errorStream() << "SSH session was not started: " << reason;
         // The base class frees the library session on the way out. A
@@ -145,22 +145,6 @@ short Session::pollEvents() const {
 void Session::sawRoundTrips(std::chrono::steady_clock::time_point since, int trips) {
     const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - since).count();
     roundTripMs_ = std::min(roundTripMs_, ms / trips);
-}
-
-void Session::armLoginTimeout(const char* step) {
-    if (!loginLimited_)
-        return;
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        loginDeadline_ - std::chrono::steady_clock::now()).count();
-    if (left <= 0)
-        loginTimedOut(step);
-    // Every blocking call of the library waits at most this long for the peer.
-    libssh2_session_set_timeout(get(), static_cast<long>(left));
-}
-
-void Session::checkLoginTimeout(const char* step) {
-    if (loginLimited_ && libssh2_session_last_errno(get()) == LIBSSH2_ERROR_TIMEOUT)
-        loginTimedOut(step);
 }
 
 void Session::loginTimedOut(const char* step) {
@@ -196,11 +180,14 @@ void Session::getAuthMethodsList(const std::string& login, std::vector<std::stri
     // The "none" authentication: one round trip with next to no work on the
     // server, the first measure of the link.
     const auto asked = std::chrono::steady_clock::now();
-    const char* raw = libssh2_userauth_list(get(), login.c_str(), static_cast<unsigned>(login.size()));
+    const char* raw = nullptr;
+    waitFor("authentication", [&] {
+        raw = libssh2_userauth_list(get(), login.c_str(), static_cast<unsigned>(login.size()));
+        return raw != nullptr ? 0 : lastErrno();
+    });
     if (raw != nullptr)
         sawRoundTrips(asked, 1);
     if (raw == nullptr) {
-        checkLoginTimeout("authentication");
         checkConnection("authentication");
         throw VELMO_EXC(InvalidHandle);
     }
@@ -225,7 +212,6 @@ void Session::getAuthMethodsList(const std::string& login, std::vector<std::stri
 void Session::authorize(const Credentials& credentials) {
     sessionLogger.debugStream() << "Requested authorization for user " << credentials.login;
     std::vector<std::string> methods;
-    armLoginTimeout("authentication");
     getAuthMethodsList(credentials.login, methods);
     const bool keys = std::find(methods.begin(), methods.end(), "publickey") != methods.end();
     if (!(keys && byKeyFile(credentials)) && !(keys && byAgent(credentials)) && !byPassword(credentials, methods)) {
@@ -238,10 +224,7 @@ void Session::authorize(const Credentials& credentials) {
                  "rsa-sha2-256 or rsa-sha2-512. Use an Ed25519 or ECDSA key, or a build with libssh2 1.11 or later");
         throw VELMO_EXC(SshAuthorizationFailed);
     }
-    if (compatibilityMode_) {
-        armLoginTimeout("authentication");
-        create_reserve_channel();
-    }
+    if (compatibilityMode_) create_reserve_channel();
     endLoginTimeout();
 }
 
@@ -251,12 +234,12 @@ bool Session::byKeyFile(const Credentials& credentials) {
     // The library says little about a key it cannot read: look first.
     if (::access(credentials.keyFile.c_str(), R_OK) != 0)
         throw VELMO_EXC(SshKeyUnusable) % credentials.keyFile % std::strerror(errno);
-    armLoginTimeout("authentication");
-    const int rc = libssh2_userauth_publickey_fromfile_ex(
-        get(), credentials.login.c_str(), static_cast<unsigned>(credentials.login.size()), nullptr,
-        credentials.keyFile.c_str(), credentials.passphrase.empty() ? nullptr : credentials.passphrase.c_str());
+    const int rc = waitFor("authentication", [&] {
+        return libssh2_userauth_publickey_fromfile_ex(
+            get(), credentials.login.c_str(), static_cast<unsigned>(credentials.login.size()), nullptr,
+            credentials.keyFile.c_str(), credentials.passphrase.empty() ? nullptr : credentials.passphrase.c_str());
+    });
     if (rc == 0) return true;
-    checkLoginTimeout("authentication");
     if (rc == LIBSSH2_ERROR_FILE)
         throw VELMO_EXC(SshKeyUnusable) % credentials.keyFile %
             (credentials.passphrase.empty() ? "no such key, or one that needs a passphrase (KVA_KEY_PASSPHRASE)"
@@ -282,7 +265,6 @@ bool Session::byAgent(const Credentials& credentials) {
     LIBSSH2_AGENT* agent = libssh2_agent_init(get());
     if (agent == nullptr) return false;
     bool done = false;
-    armLoginTimeout("authentication");
     if (libssh2_agent_connect(agent) != 0 || libssh2_agent_list_identities(agent) != 0) {
         sessionLogger.warnStream() << "The ssh-agent of SSH_AUTH_SOCK cannot be used: " << lastError();
     } else {
@@ -290,9 +272,9 @@ bool Session::byAgent(const Credentials& credentials) {
         while (!done && libssh2_agent_get_identity(agent, &identity, identity) == 0) {
             sessionLogger.debugStream() << "Trying 'publickey' authentication with the agent's key "
                                         << (identity->comment ? identity->comment : "");
-            armLoginTimeout("authentication");
-            done = libssh2_agent_userauth(agent, credentials.login.c_str(), identity) == 0;
-            if (!done) checkLoginTimeout("authentication");
+            done = waitFor("authentication", [&] {
+                       return libssh2_agent_userauth(agent, credentials.login.c_str(), identity);
+                   }) == 0;
         }
     }
     libssh2_agent_disconnect(agent);
@@ -309,12 +291,10 @@ bool Session::byPassword(const Credentials& credentials, const std::vector<std::
     if (password.empty()) return false;
     if (offered("password")) {
         sessionLogger.debugStream() << "Trying 'password' authentication";
-        armLoginTimeout("authentication");
-        const int rc = libssh2_userauth_password_ex(get(), login.c_str(), static_cast<unsigned>(login.size()),
-                                                    password.c_str(), static_cast<unsigned>(password.size()),
-                                                    nullptr);
-        // A peer that stopped answering gets no second method.
-        if (rc == LIBSSH2_ERROR_TIMEOUT) checkLoginTimeout("authentication");
+        const int rc = waitFor("authentication", [&] {
+            return libssh2_userauth_password_ex(get(), login.c_str(), static_cast<unsigned>(login.size()),
+                                                password.c_str(), static_cast<unsigned>(password.size()), nullptr);
+        });
         if (rc == 0) {
             sessionLogger.debugStream() << "Authenticated succesfully";
             return true;
@@ -324,12 +304,11 @@ bool Session::byPassword(const Credentials& credentials, const std::vector<std::
         sessionLogger.debugStream() << "Trying 'keyboard-interactive' authentication";
         void** slot = libssh2_session_abstract(get());
         *slot = const_cast<std::string*>(&password);
-        armLoginTimeout("authentication");
-        const int rc = libssh2_userauth_keyboard_interactive_ex(get(), login.c_str(),
-                                                                static_cast<unsigned>(login.size()),
-                                                                &Session::userauth_callback);
+        const int rc = waitFor("authentication", [&] {
+            return libssh2_userauth_keyboard_interactive_ex(get(), login.c_str(), static_cast<unsigned>(login.size()),
+                                                            &Session::userauth_callback);
+        });
         *slot = nullptr;
-        if (rc == LIBSSH2_ERROR_TIMEOUT) checkLoginTimeout("authentication");
         if (rc == 0) {
             sessionLogger.debugStream() << "Authenticated successfully";
             return true;
@@ -374,19 +353,40 @@ unsigned Session::windowCeiling(unsigned maxWindow, int share) const {
 
 void Session::create_reserve_channel() {
     sessionLogger.debugStream() << "Create a reserve channel";
-    setBlocking(true);
-    LIBSSH2_CHANNEL* channel = openChannel();
-    if (channel == nullptr) {
-        checkLoginTimeout("authentication");
-        throw VELMO_EXC(SshConnectionFault);
-    }
+    LIBSSH2_CHANNEL* channel = nullptr;
+    waitFor("authentication", [&] {
+        channel = openChannel();
+        return channel != nullptr ? 0 : lastErrno();
+    });
+    if (channel == nullptr) throw VELMO_EXC(SshConnectionFault);
     reserveChannel_.reset(new Channel(channel));
     // A refused command is as good as no channel: the connection is not fit.
-    if (libssh2_channel_process_startup(channel, "exec", 4, "cat", 3) != 0) {
-        checkLoginTimeout("authentication");
+    if (waitFor("authentication", [channel] { return libssh2_channel_process_startup(channel, "exec", 4, "cat", 3); }) != 0) {
         sessionLogger.errorStream() << "The reserve channel's command was refused: " << lastError();
         throw VELMO_EXC(SshConnectionFault);
     }
+}
+
+int Session::waitFor(const char* step, const std::function<int()>& call) {
+    // The library's calls do not block: a stop request and the end of the
+    // login's time are seen here, whether or not a signal would cut the
+    // library's own wait short (1.11 retries what it cuts).
+    setBlocking(false);
+    int rc;
+    while ((rc = call()) == LIBSSH2_ERROR_EAGAIN) {
+        checkProgramTerminated();
+        long waitMs = kLoginLookMs;
+        if (loginLimited_) {
+            const long left = static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                loginDeadline_ - std::chrono::steady_clock::now()).count());
+            if (left <= 0) loginTimedOut(step);
+            waitMs = std::min(waitMs, left);
+        }
+        pollfd entry = {socket_, pollEvents(), 0};
+        ::poll(&entry, 1, static_cast<int>(waitMs));
+    }
+    setBlocking(true);
+    return rc;
 }
 
 }  // namespace libssh2pp

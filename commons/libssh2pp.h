@@ -4,6 +4,7 @@
 #define VANTREL_COMMONS_LIBSSH2PP_H
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -126,12 +127,11 @@ private:
     bool byPassword(const Credentials& credentials, const std::vector<std::string>& methods);
     void sawRoundTrips(std::chrono::steady_clock::time_point since, int trips);
 
-    // Gives the library what is left of the login time for its next call,
-    // or throws Exc<&ConnectionTimedOut> when nothing is left.
-    void armLoginTimeout(const char* step);
-    // Throws Exc<&ConnectionTimedOut> when the library's last error of the
-    // session is its time-out.
-    void checkLoginTimeout(const char* step);
+    // Calls a step of the login (a call of the library) until it is through,
+    // waiting on the socket meanwhile, and returns its result. A stop
+    // request throws MigrationTerminatedException, the end of the login's
+    // time Exc<&ConnectionTimedOut>.
+    int waitFor(const char* step, const std::function<int()>& call);
     [[noreturn]] void loginTimedOut(const char* step);
     // Throws Exc<&ConnectionFault> when the library's last error of the
     // session is a lost connection: no refused login, no bad handle.

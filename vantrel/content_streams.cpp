@@ -1,9 +1,7 @@
 #include "vantrel/content_streams.h"
 
 #include <algorithm>
-#include <csignal>
 #include <cstring>
-#include <thread>
 
 #include <log4cpp/Category.hh>
 
@@ -33,10 +31,6 @@ const long kStreamWaitMs = 100;
 // or a stream's thread is on its way.
 const std::chrono::milliseconds kLongestSleep(100);
 const std::chrono::milliseconds kBusySleep(20);
-// After a stop request, logins still under way are signalled this often, at
-// most this many times, until they are gone.
-const std::chrono::milliseconds kInterruptEvery(50);
-const int kInterruptTries = 60;
 
 }  // namespace
 
@@ -112,7 +106,6 @@ ContentStreams::~ContentStreams() {
 }
 
 void ContentStreams::stop() {
-    interruptLogins();
     for (const auto& stream : streams_) {
         stream->pipe.connect(nullptr);
         stream->stop = true;
@@ -374,37 +367,12 @@ void ContentStreams::endSenders() {
 // ---------------------------------------------------------------- logins
 
 std::unique_ptr<Ssh> ContentStreams::loginAside(Stream& stream) {
-    struct Listed {
-        explicit Listed(ContentStreams& streams) : streams(streams) {
-            MutexLock hold(streams.loginsMutex_);
-            streams.loggingIn_.push_back(pthread_self());
-        }
-        ~Listed() {
-            MutexLock hold(streams.loginsMutex_);
-            auto& threads = streams.loggingIn_;
-            threads.erase(std::find_if(threads.begin(), threads.end(),
-                                       [](pthread_t t) { return pthread_equal(t, pthread_self()); }));
-        }
-        ContentStreams& streams;
-    } listed(*this);
     // A stream that the content turns out not to need gives up its turn for
-    // a login slot: other runs may wait for one.
+    // a login slot: other runs may wait for one. (A stop request ends the
+    // login wherever it waits.)
     return action_.connect(stream.tries, [&stream] { return stream.stop.load(); });
 }
 
 void ContentStreams::closeGate() { std::promise<void>().swap(firstLogin_); }
-
-void ContentStreams::interruptLogins() {
-    if (!programTerminated()) return;
-    closeGate();
-    for (int i = 0; i < kInterruptTries; ++i) {
-        {
-            MutexLock hold(loginsMutex_);
-            if (loggingIn_.empty()) return;
-            for (const pthread_t thread : loggingIn_) pthread_kill(thread, SIGTERM);
-        }
-        std::this_thread::sleep_for(kInterruptEvery);
-    }
-}
 
 }  // namespace velmo

@@ -36,8 +36,6 @@
 #include <string>
 #include <vector>
 
-#include <pthread.h>
-
 #include "commons/mutex.h"
 #include "vantrel/actions.h"
 #include "vantrel/content_receiver.h"
@@ -159,13 +157,8 @@ private:
     // runs.
     static void serve(Stream& stream);
     void takeProgress(Stream& stream);
-    // A login on a thread of its own; after a stop request,
-    // interruptLogins cuts its waits short.
-    std::unique_ptr<Ssh> loginAside(Stream& stream) EXCLUDES(loginsMutex_);
-    // After a stop request: ends the logins at the gate and signals the
-    // threads still logging in until they are gone (a stop request reaches
-    // one thread only).
-    void interruptLogins() EXCLUDES(loginsMutex_);
+    // A login on a thread of its own.
+    std::unique_ptr<Ssh> loginAside(Stream& stream);
     // The logins that wait for the first one end, unless it was kept.
     void closeGate();
 
@@ -177,8 +170,6 @@ private:
     std::promise<void> firstLogin_;               // gone unkept, it ends the others' logins
     std::shared_future<void> gate_;               // the first login is over: the others go on
     bool gateOpen_ = false;
-    Mutex loginsMutex_;
-    std::vector<pthread_t> loggingIn_ GUARDED_BY(loginsMutex_);  // the threads in loginAside
 };
 
 }  // namespace velmo

@@ -410,6 +410,9 @@ class _Interface(paramiko.ServerInterface):
                         self.server.events.append("CUT %d" % self.n)
                         if self.mode == "cut-then-down":
                             self.server.listener.close()
+                        # The bytes sent go first: libssh2 drops what it holds unread once it meets the end of
+                        # the connection, which would make what arrives before a cut a matter of timing.
+                        time.sleep(0.3)
                         self.transport.sock.shutdown(socket.SHUT_WR)
                         # Closed for good later, so that no reset destroys what the client has not read yet.
                         threading.Timer(5, self.transport.close).start()
